@@ -1,0 +1,10 @@
+// vorn/vorn.hpp
+//
+// Umbrella header: every public header of vorn.
+#pragma once
+
+#include "vorn/Box.hpp"
+#include "vorn/DefaultImageIO.hpp"
+#include "vorn/IImageIO.hpp"
+#include "vorn/Parameter.hpp"
+#include "vorn/PixelType.hpp"

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs the Debian packages vorn builds with, when any is missing. A no-op when all are
+# there; when something is missing and this is not root, says what to run and fails.
+set -euo pipefail
+
+packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$package")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "vorn needs these Debian packages, which are missing: ${missing[*]}" >&2
+  echo "Install them as root:  apt-get update && apt-get install -y ${missing[*]}" >&2
+  exit 1
+fi
+
+echo "Installing missing Debian packages: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"
