@@ -1,0 +1,122 @@
+// vorn/ImageObject.hpp
+//
+// ImageObject: the N-dimensional image, the one concrete data object of vorn. It holds a pixel
+// type, a number of axes, the box its buffer covers, a spacing and an origin per axis, and one
+// contiguous pixel buffer (getSizeOf(type) x pixel count bytes, allocated as new char[] and
+// never cleared). Pixels are addressed only as a flat array.
+//
+//   vorn::ImageObject image;
+//   vorn::Box box(2);
+//   box.m_size[0] = 640;
+//   box.m_size[1] = 480;
+//   image.Allocate(vorn::PixelType::FLOAT, box);
+//   float* pixels = static_cast<float*>(image.getBuffer());
+//
+// Storage hook: every image holds an IImageIO (a DefaultImageIO from construction on) that may
+// move its contents away (dump) and bring them back (restore). Operations marked "restores"
+// call restore() first, so a client never sees a dumped image's fields.
+//
+// Buffer ownership: while getManageItsBuffer() is true the image frees its buffer (delete[] as
+// char). While it is false the buffer belongs to whoever supplied it (the host image after a
+// conversion) and the image never frees it -- except through reDefine(), see there. Buffers that
+// Allocate, AllocateDataBuffer or import create while the flag is false are the caller's to free.
+//
+// Not thread-safe: an image is used from one thread at a time.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+
+#include "vorn/Box.hpp"
+#include "vorn/DataObject.hpp"
+#include "vorn/IImageIO.hpp"
+#include "vorn/PixelType.hpp"
+
+namespace vorn {
+
+class VORN_API ImageObject : public DataObject {
+ public:
+  // Empty image: dimension 0, pixel type UNKNOWN, no buffers, owning flag true.
+  ImageObject();
+  // Restores, then frees the spacing, origin and an owned pixel buffer.
+  ~ImageObject() override;
+  // Not copyable: the buffers have one owner. Use import() for a deep copy.
+  ImageObject(const ImageObject&) = delete;
+  ImageObject& operator=(const ImageObject&) = delete;
+
+  // Both forms: "DataObjectName : ...", the generator line, then either "Image is dumped " or
+  // the description. Does not restore: a dumped image prints as such.
+  void print() const override;
+  PixelType::Type getPointType() const override;  // restores
+  const Box& getBufferedRegion() const override;  // restores
+
+  // Restores; frees an owned buffer, the spacing and the origin, and resets to an empty image.
+  // A buffer the image does not own is only dropped. The box, hook and flag keep their values.
+  void initialize();
+  // Restores; initialize(), then a new uninitialised buffer for `box`, adopted by reDefine().
+  void Allocate(PixelType::Type type, Box box);
+  // Restores; adopts `buffer` (the pointer, nothing copied) as the pixels of `type` over `box`,
+  // with spacing 1.0 and origin 0.0 on every axis. The ownership flag keeps its value.
+  // HAZARD: the previous buffer is freed even when the image does not own it. Never reDefine an
+  // image whose buffer another owner still uses (such as one filled by ToVornImage); use
+  // initialize() or Allocate() there.
+  void reDefine(PixelType::Type type, Box box, void* buffer);
+  // Re-describes the image around `buffer` without restoring and without freeing the previous
+  // buffer (its pointer is simply replaced). Meant for storage hooks and host conversion.
+  void restore(PixelType::Type type, Box box, void* buffer);
+  // Brings a dumped image back through its hook; does nothing when it is not dumped.
+  void restore() const;
+  // Hands the contents to the hook unless the hook already reports them dumped.
+  void dump();
+  // Restores both; makes this image a deep copy of `source` (one block copy of the pixels,
+  // reusing the present buffer when type and pixel count match) and sets `generator`.
+  // A source that is null or not an image leaves this image unchanged.
+  void import(const DataObject* source, ProcessObject* generator);
+
+  unsigned int getDimension() const;     // restores
+  unsigned long getPixelNumber() const;  // restores
+  void* getBuffer();                     // restores
+  const void* getBuffer() const;         // restores
+  // Spacing and origin, one value per axis (null arrays while the dimension is 0). An axis at
+  // or above getDimension() is refused with one line: getters answer 0.0, setters change
+  // nothing. All restore.
+  const double* getSpacing() const;
+  double getSpacing(unsigned int axis) const;
+  void setSpacing(unsigned int axis, double value);
+  const double* getOrigin() const;
+  double getOrigin(unsigned int axis) const;
+  void setOrigin(unsigned int axis, double value);
+
+  void manageItsBuffer(bool manage);
+  bool getManageItsBuffer();
+  boost::shared_ptr<IImageIO> getImageIO();
+  // Replaces the hook. An empty pointer is refused with one line: the image always has a hook.
+  void setImageIO(boost::shared_ptr<IImageIO> imageIO);
+
+  // Low-level buffer operations, used by the operations above; none of them restores.
+  void computePixelNumber();
+  // Allocates getSizeOf(type) x pixel count bytes when the count is not 0, overwriting the
+  // pointer without freeing it: release first.
+  void AllocateDataBuffer();
+  // Allocates spacing and origin where missing and sets 1.0 and 0.0 on every axis; with
+  // dimension 0 it writes a message and allocates nothing.
+  void AllocateInformationBuffers();
+  // Frees the pixel buffer only while the image owns it.
+  void ReleaseDataBuffer();
+  void ReleaseInformationBuffers();
+
+ private:
+  bool isAxis(unsigned int axis, const char* operation) const;
+  void describe(PixelType::Type type, const Box& box, void* buffer);
+
+  Box m_bufferedRegion;  // start and size per axis of the buffer
+  PixelType::Type m_pointType;
+  unsigned int m_dimension;               // always m_bufferedRegion.m_dimension once defined
+  void* m_buffer;                         // owning while m_manageItsBuffer, borrowed otherwise
+  double* m_spacing;                      // owning array of m_dimension values, or null
+  double* m_origin;                       // owning array of m_dimension values, or null
+  unsigned long m_pixelNumber;            // product of the buffered region's sizes
+  boost::shared_ptr<IImageIO> m_imageIO;  // never empty; shared with getImageIO() callers
+  bool m_manageItsBuffer;
+};
+
+}  // namespace vorn

@@ -1,0 +1,7 @@
+#include "vorn/Object.hpp"
+
+namespace vorn {
+
+Object::~Object() = default;
+
+}  // namespace vorn
