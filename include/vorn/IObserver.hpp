@@ -1,0 +1,29 @@
+// vorn/IObserver.hpp
+//
+// IObserver: what a client implements to follow an operator. Each call passes the notifying
+// operator. Operators never own, delete or notify the destruction of their observers; an
+// observer may detach itself, or others, from inside a notification.
+#pragma once
+
+#include "vorn/Export.hpp"
+
+namespace vorn {
+
+class ProcessObject;
+
+class VORN_API IObserver {
+ public:
+  virtual ~IObserver();
+  // After a computation.
+  virtual void onDataHasBeenGenerated(ProcessObject* op) = 0;
+  // Before a computation, ahead of its "Processing with operator : " line.
+  virtual void onStartComputingData(ProcessObject* op) = 0;
+  // After the flag is set, before invalidation travels downstream.
+  virtual void onInvalidated(ProcessObject* op) = 0;
+  // After the flag is cleared.
+  virtual void onValidated(ProcessObject* op) = 0;
+  // Fired only by derived operators that choose to.
+  virtual void onParameterHasBeenChanged(ProcessObject* op) = 0;
+};
+
+}  // namespace vorn

@@ -1,0 +1,7 @@
+#include "vorn/IObserver.hpp"
+
+namespace vorn {
+
+IObserver::~IObserver() = default;
+
+}  // namespace vorn

@@ -1,0 +1,22 @@
+// Internal: visiting an ordered set of pointers while the visit itself may change the set.
+#pragma once
+
+#include <set>
+
+namespace vorn {
+namespace internal {
+
+// Calls visit(element) for each element of `set` in ascending order. Each step looks up the
+// next element above the last one visited, so callbacks may insert or erase entries (the one
+// being visited included) without invalidating the walk. Allocates nothing.
+template <class T, class Visit>
+void visitInOrder(const std::set<T*>& set, Visit visit) {
+  for (auto it = set.begin(); it != set.end();) {
+    T* const current = *it;
+    visit(current);
+    it = set.upper_bound(current);
+  }
+}
+
+}  // namespace internal
+}  // namespace vorn
