@@ -27,6 +27,8 @@
 #include <string>
 #include <vector>
 
+#include <boost/shared_ptr.hpp>
+
 #include "vorn/Export.hpp"
 #include "vorn/Object.hpp"
 
@@ -36,6 +38,7 @@ class IObserver;
 class Parameter;
 class Port;
 class PortProxy;
+class RoiObject;
 
 class VORN_API ProcessObject : public Object {
  public:
@@ -48,8 +51,16 @@ class VORN_API ProcessObject : public Object {
   ProcessObject(const ProcessObject&) = delete;
   ProcessObject& operator=(const ProcessObject&) = delete;
 
+  // With repercussion on: brings each input's data up to date in index order (pulling stale
+  // operators upstream), then, if this operator is invalidated, settles its output regions and
+  // computes it (updateOutputData), and finally validates it. With repercussion off:
+  // updateWithNoRepercussion(). Failures throw std::ios_base::failure; the operator then stays
+  // invalidated. An up-to-date operator costs a walk over its own inputs only.
   void update() override;
   virtual bool isComposite();
+  // Settles each output's region just before a computation: its requested region, or else the
+  // region of input 0's data when that data comes from the same composite (same parent);
+  // nothing at all while the ignore-previous flag is set.
   virtual void generateOutputRegionOfInterest();
   virtual const std::string& getName() const;
   // The framed description: address, name, flag, parent, then every port and parameter.
@@ -96,6 +107,24 @@ class VORN_API ProcessObject : public Object {
   void fireOnParameterHasBeenChanged();
   void notifyDataHasBeenGenerated();
 
+  // Recomputes this operator alone from the data its inputs hold; reads and changes no flag.
+  // Throws std::ios_base::failure when an input has no data or nothing computed in it.
+  void updateWithNoRepercussion();
+  // One timed computation: onStartComputingData, "Processing with operator : <name> - adr :
+  // <address>" (flushed, the line left open for what generateData() writes), generateData(),
+  // ". Computation done in <seconds> s ", onDataHasBeenGenerated. A std::exception from the
+  // computation comes out as std::ios_base::failure naming the operator; anything else passes
+  // through unchanged.
+  void updateOutputData();
+
+  // Requests `roi` on output `index`: stored as the output data's requested and current region,
+  // then the operator is invalidated (also for the same or an empty region). An index without
+  // output data is refused with one line.
+  void setRequestedRegionOfInterest(unsigned int index, boost::shared_ptr<RoiObject const> roi);
+  bool isIgnorePreviousROI();
+  // Changes no region and invalidates nothing by itself.
+  void setIgnorePreviousROI(bool ignore);
+
   // Takes ownership. Duplicate ID names are kept; the first one added wins every lookup.
   void addParameter(Parameter* parameter);
   std::vector<Parameter*>& getParameters();
@@ -117,6 +146,9 @@ class VORN_API ProcessObject : public Object {
   const ProcessObject* m_parent;  // back-pointer to the containing pipeline, or null
   bool m_ignorePreviousROI;
   std::set<IObserver*> m_observers;  // non-owning, ordered by address
+
+ private:
+  bool m_isUpdating;  // set while update() runs here, to stop a cycle instead of recursing
 };
 
 }  // namespace vorn

@@ -4,12 +4,14 @@
 #pragma once
 
 #include "vorn/Box.hpp"
+#include "vorn/BoxRoi.hpp"
 #include "vorn/DataObject.hpp"
 #include "vorn/DataObjectFactory.hpp"
 #include "vorn/DefaultImageIO.hpp"
 #include "vorn/IImageIO.hpp"
 #include "vorn/IObserver.hpp"
 #include "vorn/ImageObject.hpp"
+#include "vorn/MaskRoi.hpp"
 #include "vorn/Object.hpp"
 #include "vorn/Parameter.hpp"
 #include "vorn/PixelType.hpp"
@@ -18,3 +20,4 @@
 #include "vorn/PortProxy.hpp"
 #include "vorn/ProcessObject.hpp"
 #include "vorn/Repercussion.hpp"
+#include "vorn/RoiObject.hpp"

@@ -14,7 +14,7 @@
 namespace vorn {
 
 ProcessObject::ProcessObject()
-    : m_invalidated(true), m_parent(nullptr), m_ignorePreviousROI(false) {}
+    : m_invalidated(true), m_parent(nullptr), m_ignorePreviousROI(false), m_isUpdating(false) {}
 
 ProcessObject::~ProcessObject() {
   std::cout << "In process Object destructor " << m_name << " : " << static_cast<const void*>(this)
@@ -39,15 +39,7 @@ ProcessObject::~ProcessObject() {
   for (Parameter* parameter : m_parameters) delete parameter;
 }
 
-void ProcessObject::update() {
-  if (!m_invalidated) return;
-  generateData();
-  m_invalidated = false;
-}
-
 bool ProcessObject::isComposite() { return false; }
-
-void ProcessObject::generateOutputRegionOfInterest() {}
 
 const std::string& ProcessObject::getName() const { return m_name; }
 

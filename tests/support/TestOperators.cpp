@@ -1,5 +1,6 @@
 #include "TestOperators.hpp"
 
+#include "vorn/ImageObject.hpp"
 #include "vorn/PortProxy.hpp"
 
 LoggingOperator::LoggingOperator(const std::string& name, EventLog* log, unsigned inputs,
@@ -13,6 +14,14 @@ LoggingOperator::LoggingOperator(const std::string& name, EventLog* log, unsigne
 void LoggingOperator::generateData() {
   ++computations;
   if (m_log != nullptr) m_log->push_back("compute:" + getName());
+  if (action) action();
+}
+
+void allocateOutput(vorn::ProcessObject& op, unsigned output, unsigned long pixels) {
+  vorn::Box box(1);
+  box.m_size[0] = pixels;
+  boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(output)->getData())
+      ->Allocate(vorn::PixelType::UCHAR, box);
 }
 
 void RecordingObserver::record(const char* event, vorn::ProcessObject* op) {

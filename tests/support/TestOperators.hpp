@@ -2,6 +2,7 @@
 // shared log, so tests can assert the order of computations and events.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,13 +12,14 @@
 using EventLog = std::vector<std::string>;
 
 // An operator with `inputs` and `outputs` image ports whose computation appends "compute:<name>"
-// to the log.
+// to the log, then runs `action` when a test set one.
 class LoggingOperator : public vorn::ProcessObject {
  public:
   LoggingOperator(const std::string& name, EventLog* log, unsigned inputs = 1,
                   unsigned outputs = 1);
   void generateData() override;
   int computations = 0;
+  std::function<void()> action;
 
  private:
   EventLog* m_log;
@@ -37,6 +39,9 @@ class RecordingObserver : public vorn::IObserver {
   void record(const char* event, vorn::ProcessObject* op);
   EventLog* m_log;
 };
+
+// Gives output `output` of `op` a computed image (one byte per pixel, `pixels` pixels).
+void allocateOutput(vorn::ProcessObject& op, unsigned output = 0, unsigned long pixels = 4);
 
 // Connects input `input` of `to` to output `output` of `from`.
 void connect(vorn::ProcessObject& from, vorn::ProcessObject& to, unsigned input = 0,
