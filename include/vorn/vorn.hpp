@@ -3,6 +3,7 @@
 // Umbrella header: every public header of vorn.
 #pragma once
 
+#include "vorn/BasePipeline.hpp"
 #include "vorn/Box.hpp"
 #include "vorn/BoxRoi.hpp"
 #include "vorn/DataObject.hpp"

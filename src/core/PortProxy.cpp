@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "OrderedVisit.hpp"
+#include "core/OrderedVisit.hpp"
 #include "vorn/ProcessObject.hpp"
 
 namespace vorn {

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "OrderedVisit.hpp"
+#include "core/OrderedVisit.hpp"
 #include "vorn/DataObject.hpp"
 #include "vorn/DataObjectFactory.hpp"
 #include "vorn/IObserver.hpp"

@@ -1,0 +1,198 @@
+#include "vorn/BasePipeline.hpp"
+
+#include <algorithm>
+#include <iostream>
+
+#include "core/OrderedVisit.hpp"
+#include "vorn/DataObject.hpp"
+#include "vorn/PortProxy.hpp"
+#include "vorn/Repercussion.hpp"
+#include "vorn/RoiObject.hpp"
+
+namespace vorn {
+
+BasePipeline::BasePipeline() { setName("No named pipeline"); }
+
+BasePipeline::~BasePipeline() {
+  while (!m_operators.empty()) {
+    // The copy keeps the operator alive until the list is consistent again; it is destroyed
+    // here, at the end of the iteration, when the pipeline was its last owner.
+    const boost::shared_ptr<ProcessObject> last = m_operators.back();
+    unRegisterOperator(last);
+  }
+  m_requestedROI.reset();
+}
+
+void BasePipeline::update() {
+  for (std::size_t i = 0; i < m_outputs.size(); ++i) {
+    const boost::shared_ptr<DataObject> data = m_outputs[i]->getData();
+    if (!data) {
+      std::cout << "BasePipeline::update output port " << i << " of pipeline " << m_name
+                << " leads to no data" << std::endl;
+      continue;
+    }
+    data->update();
+  }
+  m_invalidated = false;
+}
+
+bool BasePipeline::isComposite() { return true; }
+
+void BasePipeline::print() const {
+  std::cout << "\nPIPELINE PORTS ...\n";
+  ProcessObject::print();
+  for (const boost::shared_ptr<ProcessObject>& op : m_operators) {
+    std::cout << "\n*******PIPELINE OPERATOR*********\n";
+    op->print();
+  }
+}
+
+bool BasePipeline::isInvalidated() {
+  for (std::size_t i = 0; i < m_operators.size(); ++i) {
+    if (m_operators[i]->isInvalidated()) return true;
+  }
+  return false;
+}
+
+void BasePipeline::setToInvalidated() {
+  if (!Repercussion::isEnable()) return;
+  for (std::size_t i = 0; i < m_inputs.size(); ++i) {
+    if (m_inputs[i] == nullptr) continue;
+    internal::visitInOrder(m_inputs[i]->getAttachedProxies(), [this](PortProxy* reader) {
+      ProcessObject* const op = reader->getParent();
+      if (op == nullptr) return;
+      if (op->isComposite()) {
+        if (op != this && op != m_parent) op->setToInvalidated();
+      } else if (!op->isInvalidated()) {
+        op->setToInvalidated();
+      }
+    });
+  }
+}
+
+void BasePipeline::addOutput(const std::string& dataType) {
+  m_outputs.push_back(new PortProxy(dataType, this));
+}
+
+void BasePipeline::generateData() {}
+
+void BasePipeline::setInputPort(unsigned int index, const Port* port) {
+  ProcessObject::setInputPort(index, port);
+  if (index < m_inputs.size()) setToInvalidated();
+}
+
+// ---- inner operators ----
+
+// Whether `op` is this pipeline or one of the pipelines that contain it.
+bool BasePipeline::isWithin(const ProcessObject* op) const {
+  for (const ProcessObject* level = this; level != nullptr; level = level->getParent()) {
+    if (level == op) return true;
+  }
+  return false;
+}
+
+void BasePipeline::registerOperator(boost::shared_ptr<ProcessObject> op) {
+  if (!op) {
+    std::cout << "BasePipeline::registerOperator empty operator refused" << std::endl;
+    return;
+  }
+  if (isWithin(op.get())) {
+    std::cout << "BasePipeline::registerOperator " << op->getName()
+              << " contains this pipeline : refused" << std::endl;
+    return;
+  }
+  m_operators.push_back(op);
+  std::cout << "In VORN::BasePipeline : ROI set to new operator " << op->getName() << std::endl;
+  op->setParent(this);
+  assignResquestedROItoOperator(op.get());
+  m_invalidated = true;
+}
+
+void BasePipeline::unRegisterOperator(boost::shared_ptr<ProcessObject> op) {
+  if (!op) {
+    std::cout << "BasePipeline::unRegisterOperator empty operator refused" << std::endl;
+    return;
+  }
+  op->setParent(nullptr);
+  const auto entry = std::find(m_operators.begin(), m_operators.end(), op);
+  if (entry != m_operators.end()) m_operators.erase(entry);
+  m_invalidated = true;
+}
+
+bool BasePipeline::isContainingProcessObject(boost::shared_ptr<const ProcessObject> op) const {
+  return isContainingProcessObject(op.get());
+}
+
+bool BasePipeline::isContainingProcessObject(const ProcessObject* op) const {
+  return std::any_of(
+      m_operators.begin(), m_operators.end(),
+      [op](const boost::shared_ptr<ProcessObject>& entry) { return entry.get() == op; });
+}
+
+std::vector<ProcessObject*> BasePipeline::getOperators() const {
+  std::vector<ProcessObject*> operators;
+  operators.reserve(m_operators.size());
+  for (const boost::shared_ptr<ProcessObject>& op : m_operators) operators.push_back(op.get());
+  return operators;
+}
+
+// ---- ports ----
+
+namespace {
+
+// Deletes `port` if `ports` owns it. The entry is nulled first, so invalidation that runs
+// while the port is being deleted never walks it.
+template <class P>
+bool deleteOwnedPort(std::vector<P*>& ports, Port* port) {
+  const auto entry = std::find(ports.begin(), ports.end(), port);
+  if (entry == ports.end()) return false;
+  const auto index = entry - ports.begin();
+  *entry = nullptr;
+  delete port;
+  ports.erase(ports.begin() + index);
+  return true;
+}
+
+}  // namespace
+
+void BasePipeline::removePort(Port* port) {
+  if (port == nullptr) return;
+  if (!deleteOwnedPort(m_inputs, port)) deleteOwnedPort(m_outputs, port);
+}
+
+// ---- region of interest ----
+
+void BasePipeline::setRequestedRegionOfInterest(boost::shared_ptr<RoiObject const> roi) {
+  m_requestedROI = roi;
+  std::cout << "In VORN::BasePipeline : ROI set to pipeline and appropriate children" << std::endl;
+  manageResquestedROIassignation();
+}
+
+void BasePipeline::manageResquestedROIassignation() {
+  for (std::size_t i = 0; i < m_inputs.size(); ++i) {
+    if (m_inputs[i] == nullptr) continue;
+    internal::visitInOrder(m_inputs[i]->getAttachedProxies(), [this](PortProxy* reader) {
+      ProcessObject* const op = reader->getParent();
+      if (op != nullptr && op != this) assignResquestedROItoOperator(op);
+    });
+  }
+  for (std::size_t i = 0; i < m_operators.size(); ++i) {
+    if (m_operators[i]->getInputPort(0) == nullptr)
+      assignResquestedROItoOperator(m_operators[i].get());
+  }
+}
+
+void BasePipeline::assignResquestedROItoOperator(ProcessObject* op) {
+  for (unsigned int i = 0; op->getOutputPort(i) != nullptr; ++i) {
+    const boost::shared_ptr<DataObject> data = op->getOutputPort(i)->getData();
+    // An output that leads to no data yet (a nested pipeline not wired up) has nothing to hold
+    // a request.
+    if (!data || data->m_requestedRegionOfInterest.get() == m_requestedROI.get()) continue;
+    std::cout << "BasePipeline::assignRequestedROI to outport " << i << " of Operator "
+              << op->getName() << "( considered as an input operator of the pipeline " << getName()
+              << " )" << std::endl;
+    op->setRequestedRegionOfInterest(i, m_requestedROI);
+  }
+}
+
+}  // namespace vorn
