@@ -9,6 +9,7 @@
 #include "vorn/DataObject.hpp"
 #include "vorn/DataObjectFactory.hpp"
 #include "vorn/DefaultImageIO.hpp"
+#include "vorn/HostImageConversion.hpp"
 #include "vorn/IImageIO.hpp"
 #include "vorn/IObserver.hpp"
 #include "vorn/ImageObject.hpp"
@@ -21,4 +22,5 @@
 #include "vorn/PortProxy.hpp"
 #include "vorn/ProcessObject.hpp"
 #include "vorn/Repercussion.hpp"
+#include "vorn/RestrictImageToRoi.hpp"
 #include "vorn/RoiObject.hpp"
