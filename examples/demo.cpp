@@ -6,12 +6,14 @@
 // thresholds it into a mask and keeps only the pixels inside the mask. Statistics counts and
 // sums what is left. The demo then changes the threshold and shows that only the operators
 // that depend on it run again, and finally hands the result to the host framework's image
-// without copying a pixel.
+// without copying a pixel, after a round trip through an example storage hook.
 #include <cmath>
 #include <iostream>
 
 #include <vorn/vorn.hpp>
 #include <zelData/Image.hpp>
+
+#include "MemorySwapImageIO.hpp"
 
 namespace {
 
@@ -156,8 +158,15 @@ int main() {
     std::cout << "\n== Tearing the pipeline down ==" << std::endl;
   }
 
-  std::cout << "\n== Handing the result to the host image, no pixel copied ==" << std::endl;
+  std::cout << "\n== Swapping the result out through a storage hook, and back ==" << std::endl;
   ImagePtr result = imageAt(statistics, 0);
+  result->setImageIO(boost::shared_ptr<vorn::IImageIO>(new MemorySwapImageIO(result.get())));
+  result->dump();
+  result->print();
+  const float* pixels = static_cast<const float*>(result->getBuffer());  // restores
+  std::cout << "restored, pixel (40, 24) = " << pixels[24 * 64 + 40] << std::endl;
+
+  std::cout << "\n== Handing the result to the host image, no pixel copied ==" << std::endl;
   boost::shared_ptr<data::Image> host(new data::Image);
   vorn::FromVornImage(result.get(), host);
   std::cout << "host image: " << int(host->getDimension()) << " axes, " << host->getCRefSize()[0]

@@ -11,7 +11,7 @@ cmake --build build/release -j "$jobs"
 ctest --test-dir build/release --output-on-failure -j "$jobs"
 
 cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DVORN_WERROR=ON \
-  -DVORN_SANITIZE=address,undefined -DVORN_BUILD_BENCHMARKS=OFF -DVORN_BUILD_EXAMPLES=OFF
+  -DVORN_SANITIZE=address,undefined -DVORN_BUILD_BENCHMARKS=OFF
 cmake --build build/sanitize -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build/sanitize --output-on-failure -j "$jobs"

@@ -61,7 +61,8 @@ class VORN_API ImageObject : public DataObject {
   // initialize() or Allocate() there.
   void reDefine(PixelType::Type type, Box box, void* buffer);
   // Re-describes the image around `buffer` without restoring and without freeing the previous
-  // buffer (its pointer is simply replaced). Meant for storage hooks and host conversion.
+  // buffer (its pointer is simply replaced: call ReleaseDataBuffer() first if the image owns
+  // one). Meant for storage hooks and host conversion.
   void restore(PixelType::Type type, Box box, void* buffer);
   // Brings a dumped image back through its hook; does nothing when it is not dumped.
   void restore() const;

@@ -2,19 +2,24 @@
 // vorn's printed output byte for byte.
 #pragma once
 
+#include <iostream>
 #include <sstream>
 #include <string>
 
 class CoutCapture {
  public:
-  CoutCapture();
-  ~CoutCapture();
+  CoutCapture() : m_previous(std::cout.rdbuf(m_buffer.rdbuf())) {}
+  ~CoutCapture() { std::cout.rdbuf(m_previous); }
   CoutCapture(const CoutCapture&) = delete;
   CoutCapture& operator=(const CoutCapture&) = delete;
 
-  std::string str() const;
+  std::string str() const { return m_buffer.str(); }
   // Returns what was captured so far and starts again from empty.
-  std::string take();
+  std::string take() {
+    std::string text = m_buffer.str();
+    m_buffer.str(std::string());
+    return text;
+  }
 
  private:
   std::ostringstream m_buffer;
@@ -22,4 +27,8 @@ class CoutCapture {
 };
 
 // An address as std::cout writes a const void*, for building expected texts.
-std::string addressText(const void* pointer);
+inline std::string addressText(const void* pointer) {
+  std::ostringstream os;
+  os << pointer;
+  return os.str();
+}

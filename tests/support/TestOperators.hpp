@@ -7,21 +7,32 @@
 #include <vector>
 
 #include "vorn/IObserver.hpp"
+#include "vorn/ImageObject.hpp"
+#include "vorn/Port.hpp"
+#include "vorn/PortProxy.hpp"
 #include "vorn/ProcessObject.hpp"
 
 using EventLog = std::vector<std::string>;
 
 // An operator with `inputs` and `outputs` image ports whose computation appends "compute:<name>"
-// to the log, then runs `action` when a test set one.
+// to the log (when it has one), then runs `action` (when a test set one).
 class LoggingOperator : public vorn::ProcessObject {
  public:
-  LoggingOperator(const std::string& name, EventLog* log, unsigned inputs = 1,
-                  unsigned outputs = 1);
-  void generateData() override;
+  LoggingOperator(const std::string& name, EventLog* log, unsigned inputs = 1, unsigned outputs = 1)
+      : m_log(log) {
+    setName(name);
+    for (unsigned i = 0; i < inputs; ++i) addInput("ImageObject");
+    for (unsigned i = 0; i < outputs; ++i) addOutput("ImageObject");
+  }
+  void generateData() override {
+    ++computations;
+    if (m_log != nullptr) m_log->push_back("compute:" + getName());
+    if (action) action();
+  }
   int computations = 0;
   std::function<void()> action;
 
- private:
+ protected:
   EventLog* m_log;
 };
 
@@ -36,13 +47,22 @@ class RecordingObserver : public vorn::IObserver {
   void onParameterHasBeenChanged(vorn::ProcessObject* op) override { record("parameter", op); }
 
  private:
-  void record(const char* event, vorn::ProcessObject* op);
+  void record(const char* event, vorn::ProcessObject* op) {
+    m_log->push_back(std::string(event) + ":" + op->getName());
+  }
   EventLog* m_log;
 };
 
-// Gives output `output` of `op` a computed image (one byte per pixel, `pixels` pixels).
-void allocateOutput(vorn::ProcessObject& op, unsigned output = 0, unsigned long pixels = 4);
-
 // Connects input `input` of `to` to output `output` of `from`.
-void connect(vorn::ProcessObject& from, vorn::ProcessObject& to, unsigned input = 0,
-             unsigned output = 0);
+inline void connect(vorn::ProcessObject& from, vorn::ProcessObject& to, unsigned input = 0,
+                    unsigned output = 0) {
+  to.getInputPort(input)->connectTo(from.getOutputPort(output));
+}
+
+// Gives output `output` of `op` a computed image of 4 one-byte pixels.
+inline void allocateOutput(vorn::ProcessObject& op, unsigned output = 0) {
+  vorn::Box box(1);
+  box.m_size[0] = 4;
+  boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(output)->getData())
+      ->Allocate(vorn::PixelType::UCHAR, box);
+}
