@@ -32,6 +32,8 @@ class VORN_API DataObject : public Object {
   ~DataObject() override;
 
   // Asks the generator to update when there is one and it is invalidated; otherwise nothing.
+  // A generator in the middle of its own update() that stale operators lead back to (a cycle)
+  // makes this throw std::ios_base::failure naming it, instead of recursing without end.
   void update() override;
   // Pure, with a body that writes the generator line; derived classes call it from theirs.
   virtual void print() const = 0;
@@ -51,6 +53,10 @@ class VORN_API DataObject : public Object {
 
  protected:
   ProcessObject* m_generator;  // back-pointer; ~ProcessObject nulls it on data still held
+
+ private:
+  // Whether invalidated operators upstream of `op` lead back to `op`.
+  static bool isOnStaleCycle(ProcessObject* op);
 };
 
 }  // namespace vorn

@@ -70,7 +70,8 @@ class VORN_API ImageObject : public DataObject {
   void dump();
   // Restores both; makes this image a deep copy of `source` (one block copy of the pixels,
   // reusing the present buffer when type and pixel count match) and sets `generator`.
-  // A source that is null or not an image leaves this image unchanged.
+  // A source that is null or not an image leaves this image unchanged. The generator is only
+  // recorded: keep it alive as long as this image may be asked to update.
   void import(const DataObject* source, ProcessObject* generator);
 
   unsigned int getDimension() const;     // restores

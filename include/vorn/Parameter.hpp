@@ -31,7 +31,7 @@ class VORN_API Parameter {
 
   // "NO_VALUE_FOR_SPECIFIED_IDNAME": what an operator answers for a name it does not have.
   // Lives as long as the library is loaded, so references to it stay valid.
-  static const std::string NoValueForIDName;
+  static std::string NoValueForIDName;
 
  private:
   std::string m_idName;

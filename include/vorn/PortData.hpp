@@ -24,7 +24,7 @@ class VORN_API PortData : public Port {
   // Replaces the held data object. A data object of another type name writes
   // "PortData::setData incoherent connexion" and ends the process with exit(1). An empty
   // pointer is refused with one line and changes nothing. Sets no generator, invalidates
-  // nobody.
+  // nobody; the data it replaces stops naming this port's operator as its generator.
   void setData(boost::shared_ptr<DataObject> data);
 
  private:

@@ -148,7 +148,8 @@ class VORN_API ProcessObject : public Object {
   std::set<IObserver*> m_observers;  // non-owning, ordered by address
 
  private:
-  bool m_isUpdating;  // set while update() runs here, to stop a cycle instead of recursing
+  friend class DataObject;  // its update() stops a pull that loops back to a busy operator
+  bool m_isUpdating;        // set while update() runs here, to stop a cycle instead of recursing
 };
 
 }  // namespace vorn

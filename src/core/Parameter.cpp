@@ -7,7 +7,7 @@
 
 namespace vorn {
 
-const std::string Parameter::NoValueForIDName = "NO_VALUE_FOR_SPECIFIED_IDNAME";
+std::string Parameter::NoValueForIDName = "NO_VALUE_FOR_SPECIFIED_IDNAME";
 
 Parameter::Parameter() : m_idName("ID_NONAME"), m_value("VALUE_UNDEFINED") {}
 

@@ -29,6 +29,8 @@ void PortData::setData(boost::shared_ptr<DataObject> data) {
     std::cout << "PortData::setData incoherent connexion" << std::endl;
     std::exit(1);
   }
+  // The data that leaves the port must not keep naming an operator that may go before it.
+  if (m_data && m_data != data && m_data->getGenerator() == m_parent) m_data->setGenerator(nullptr);
   m_data = data;
 }
 

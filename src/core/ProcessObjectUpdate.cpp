@@ -20,16 +20,17 @@ std::ios_base::failure noData(const char* operation, const std::string& name, co
 }
 
 // Marks an operator as being updated for the lifetime of one update() call, exceptions
-// included.
+// included. A nested call (an observer updating again) leaves the outer call's mark in place.
 class UpdatingFlag {
  public:
-  explicit UpdatingFlag(bool& flag) : m_flag(flag) { m_flag = true; }
-  ~UpdatingFlag() { m_flag = false; }
+  explicit UpdatingFlag(bool& flag) : m_flag(flag), m_previous(flag) { m_flag = true; }
+  ~UpdatingFlag() { m_flag = m_previous; }
   UpdatingFlag(const UpdatingFlag&) = delete;
   UpdatingFlag& operator=(const UpdatingFlag&) = delete;
 
  private:
   bool& m_flag;
+  const bool m_previous;
 };
 
 }  // namespace
@@ -38,11 +39,6 @@ void ProcessObject::update() {
   if (!Repercussion::isEnable()) {
     updateWithNoRepercussion();
     return;
-  }
-  if (m_isUpdating) {
-    throw std::ios_base::failure("vorn::ProcessObject::update()\nThe operator " + m_name +
-                                 " depends on its own output : processings cannot be "
-                                 "performed\n");
   }
   const UpdatingFlag updating(m_isUpdating);
   for (std::size_t i = 0; i < m_inputs.size(); ++i) {

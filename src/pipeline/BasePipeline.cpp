@@ -83,10 +83,13 @@ void BasePipeline::setInputPort(unsigned int index, const Port* port) {
 
 // ---- inner operators ----
 
-// Whether `op` is this pipeline or one of the pipelines that contain it.
+// Whether `op` is this pipeline or a pipeline that holds it, at any depth of nesting.
 bool BasePipeline::isWithin(const ProcessObject* op) const {
-  for (const ProcessObject* level = this; level != nullptr; level = level->getParent()) {
-    if (level == op) return true;
+  if (op == this) return true;
+  const BasePipeline* pipeline = dynamic_cast<const BasePipeline*>(op);
+  if (pipeline == nullptr) return false;
+  for (const boost::shared_ptr<ProcessObject>& inner : pipeline->m_operators) {
+    if (isWithin(inner.get())) return true;
   }
   return false;
 }

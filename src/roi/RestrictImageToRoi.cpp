@@ -30,12 +30,12 @@ bool refuse(const char* reason) {
   return false;
 }
 
-// The mask must cover every pixel, and there must be pixels to write.
-bool usable(const ImageObject& image, const ImageObject* mask, unsigned long count) {
-  if (mask == nullptr) return refuse("no mask image");
-  const unsigned long maskBytes = getSizeOf(mask->getPointType()) * mask->getPixelNumber();
-  if (maskBytes < count || mask->getBuffer() == nullptr) return refuse("mask smaller than image");
-  if (image.getBuffer() == nullptr) return refuse("image without buffer");
+// The mask must cover every pixel, and both buffers must be there.
+bool usable(const ImageObject& mask, const void* maskBuffer, const void* imageBuffer,
+            unsigned long count) {
+  const unsigned long maskBytes = getSizeOf(mask.getPointType()) * mask.getPixelNumber();
+  if (maskBytes < count || maskBuffer == nullptr) return refuse("mask smaller than image");
+  if (imageBuffer == nullptr) return refuse("image without buffer");
   return true;
 }
 
@@ -79,9 +79,15 @@ void restrictImageToRoi(boost::shared_ptr<ImageObject> image,
               << " UNSUPPORTED PIXEL TYPE !!!";
     return;
   }
-  if (count == 0 || !usable(*image, mask.get(), count)) return;
+  if (count == 0) return;
+  if (!mask) {
+    refuse("no mask image");
+    return;
+  }
+  // Each buffer is taken once, the mask's first, and the checks reuse them.
   const void* maskBuffer = mask->getBuffer();
-  merge(image->getBuffer(), maskBuffer, count);
+  void* imageBuffer = image->getBuffer();
+  if (usable(*mask, maskBuffer, imageBuffer, count)) merge(imageBuffer, maskBuffer, count);
 }
 
 }  // namespace vorn

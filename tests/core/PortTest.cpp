@@ -112,8 +112,10 @@ TEST_F(PortTest, OutputData) {
   EXPECT_EQ("DataObjectFactory::createInstance Unkown DataObjectType\n", out.take());
   EXPECT_FALSE(unknown.getData());
   auto* port = dynamic_cast<vorn::PortData*>(a.getOutputPort(0));
+  const boost::shared_ptr<vorn::DataObject> replaced = port->getData();
   boost::shared_ptr<vorn::DataObject> image(new vorn::ImageObject);
   port->setData(image);
+  EXPECT_EQ(nullptr, replaced->getGenerator());  // may outlive its operator now
   port->setData(boost::shared_ptr<vorn::DataObject>());
   EXPECT_EQ("PortData::setData empty data object refused\n", out.take());
   EXPECT_EQ(image, port->getData());

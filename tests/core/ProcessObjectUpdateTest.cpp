@@ -130,7 +130,8 @@ TEST_F(UpdateTest, RepercussionSwitchedOffUpstream) {
   EXPECT_EQ((EventLog{"compute:First", "compute:Op"}), log);
 }
 
-// Tests that a cycle of invalidated operators is reported and updates once it is broken.
+// Tests that a cycle of invalidated operators is reported and updates once it is broken, and
+// that an observer updating again from inside an update is no cycle.
 TEST_F(UpdateTest, CycleIsReported) {
   LoggingOperator a("A", &log), b("B", &log), source("S", &log, 0, 1);
   connect(a, b);
@@ -138,7 +139,18 @@ TEST_F(UpdateTest, CycleIsReported) {
   EXPECT_EQ("vorn::ProcessObject::update()\nThe operator A depends on its own output" + kCannot,
             failureOf([&] { a.update(); }));
   connect(source, a);
+  struct Reentrant : vorn::IObserver {
+    void onDataHasBeenGenerated(vorn::ProcessObject*) override {}
+    void onStartComputingData(vorn::ProcessObject*) override {}
+    void onInvalidated(vorn::ProcessObject*) override {}
+    void onValidated(vorn::ProcessObject*) override { again->update(); }
+    void onParameterHasBeenChanged(vorn::ProcessObject*) override {}
+    vorn::ProcessObject* again;
+  } reentrant;
+  reentrant.again = &b;
+  source.attachObserver(&reentrant);
   EXPECT_NO_THROW(b.update());
+  EXPECT_EQ(1, b.computations);
 }
 
 // Tests that a chain of 10,000 operators updates, invalidates and tears down without

@@ -111,11 +111,14 @@ TEST_F(PipelineTest, OperatorsAndRefusals) {
   EXPECT_FALSE(pipeline->isContainingProcessObject(boost::shared_ptr<const ProcessObject>(z)));
   out.take();
   pipeline->registerOperator(OpPtr());
+  pipeline->registerOperator(nested);
+  pipeline->unRegisterOperator(nested);  // still held once, though without parent now
   nested->registerOperator(boost::shared_ptr<ProcessObject>(pipeline.get(), [](ProcessObject*) {}));
   static_cast<vorn::PortProxy*>(pipeline->getOutputPort(0))->disconnect();
   pipeline->update();
   EXPECT_EQ(
       "BasePipeline::registerOperator empty operator refused\n"
+      "In VORN::BasePipeline : ROI set to new operator No named pipeline\n"
       "BasePipeline::registerOperator P contains this pipeline : refused\n"
       "BasePipeline::update output port 0 of pipeline P leads to no data\n",
       out.take());
