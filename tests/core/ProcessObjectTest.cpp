@@ -147,6 +147,8 @@ TEST_F(ProcessObjectTest, DisconnectionAndDestruction) {
   a.reset();
   EXPECT_EQ(line, out.take());
   EXPECT_EQ(nullptr, kept->getGenerator());
+  EXPECT_TRUE(kept->isUptodate());  // without generator
+  kept->update();                   // and nothing to pull
   EXPECT_TRUE(b.isInvalidated());
   EXPECT_TRUE(b.getInputPort(0)->isConnectedTo(nullptr));
 }
