@@ -1,7 +1,6 @@
 #include "vorn/RestrictImageToRoi.hpp"
 
 #include <cstdint>
-#include <cstring>
 #include <iostream>
 
 #include "vorn/ImageObject.hpp"
