@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 
 set(VORN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vorn)
 
-install(TARGETS vorn ${VORN_HOST_TARGETS} EXPORT vorn-targets
+install(TARGETS vorn vorn_operators ${VORN_HOST_TARGETS} EXPORT vorn-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
@@ -14,6 +14,9 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vorn ${PROJECT_BINARY_DIR}/inclu
 foreach(host_dir ${VORN_HOST_INCLUDE_DIRS})
   install(DIRECTORY ${host_dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()
+if(VORN_BUILD_TOOLS)
+  install(TARGETS vorn-run RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
 install(EXPORT vorn-targets NAMESPACE vorn:: DESTINATION ${VORN_CMAKE_DIR})
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/vorn-config.cmake.in

@@ -3,7 +3,8 @@
 # there; when something is missing and this is not root, says what to run and fails.
 set -euo pipefail
 
-packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev)
+packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
+  libpng-dev libnifti2-dev zlib1g-dev)
 
 missing=()
 for package in "${packages[@]}"; do

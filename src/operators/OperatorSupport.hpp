@@ -1,0 +1,65 @@
+// Helpers shared by the operators of vorn::operators: typed access to the images on their
+// ports, parameter parsing with errors that name the operator, the parameter and the value,
+// and a dispatch from a runtime pixel type to a typed function.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "vorn/ImageObject.hpp"
+#include "vorn/PixelType.hpp"
+#include "vorn/ProcessObject.hpp"
+
+namespace vorn {
+namespace detail {
+
+using ImagePtr = boost::shared_ptr<ImageObject>;
+
+// The image on input `index`. Throws std::invalid_argument naming the operator when the port
+// holds no image or an image nothing has been computed into.
+ImagePtr inputImage(ProcessObject& op, unsigned int index);
+// The image held by output `index`; throws std::logic_error when the port holds none.
+ImagePtr outputImage(ProcessObject& op, unsigned int index);
+// Spacing and origin of every axis `to` shares with `from`.
+void copyGeometry(const ImageObject& from, ImageObject& to);
+
+// "<operator>: parameter '<name>' has invalid value '<value>': <why>".
+[[noreturn]] void throwBadParameter(const ProcessObject& op, const std::string& name,
+                                    const std::string& value, const std::string& why);
+// The whole value as a finite number; anything else throws through throwBadParameter.
+double numberParameter(ProcessObject& op, const std::string& name);
+// Empty value: no number (the operator's own default applies).
+std::optional<double> optionalNumberParameter(ProcessObject& op, const std::string& name);
+// Comma-separated finite numbers, at least one.
+std::vector<double> numberListParameter(ProcessObject& op, const std::string& name);
+// Parses `text` as a whole finite number, locale-independent; false when it is not one.
+bool parseNumber(const std::string& text, double& value);
+
+// A value standing for the element type T, for dispatchPixelType's callers.
+template <class T>
+struct PixelTag {
+  using type = T;
+};
+
+// Calls f(PixelTag<T>{}) for the element type T of `type`; throws std::invalid_argument for a
+// type without elements.
+template <class F>
+decltype(auto) dispatchPixelType(PixelType::Type type, F&& f) {
+  switch (type) {
+    case PixelType::UCHAR:
+      return f(PixelTag<unsigned char>{});
+    case PixelType::SHORT:
+      return f(PixelTag<short>{});
+    case PixelType::FLOAT:
+      return f(PixelTag<float>{});
+    default:
+      throw std::invalid_argument("unsupported pixel type " + getTypeIdName(type));
+  }
+}
+
+}  // namespace detail
+}  // namespace vorn
