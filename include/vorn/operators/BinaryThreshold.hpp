@@ -1,0 +1,26 @@
+// vorn/operators/BinaryThreshold.hpp
+//
+// BinaryThreshold: a UCHAR image that is `inside` where lower <= value <= upper and `outside`
+// everywhere else (NaN included).
+//
+//   vorn::BinaryThreshold threshold;
+//   threshold.setParameterValue("lower", "100");  // empty: the input type's lowest value
+//   threshold.setParameterValue("upper", "");     // empty: its highest value (+inf for float)
+//   threshold.setParameterValue("inside", "255"); // default 1; "outside" defaults to 0
+//
+// Both bounds are inclusive and compared exactly with the pixel values. lower > upper is an
+// empty interval: every pixel is outside. inside and outside are integers from 0 to 255.
+#pragma once
+
+#include "vorn/ProcessObject.hpp"
+#include "vorn/operators/Export.hpp"
+
+namespace vorn {
+
+class VORN_OPERATORS_API BinaryThreshold : public ProcessObject {
+ public:
+  BinaryThreshold();
+  void generateData() override;
+};
+
+}  // namespace vorn

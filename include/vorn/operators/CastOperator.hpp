@@ -1,0 +1,25 @@
+// vorn/operators/CastOperator.hpp
+//
+// CastOperator: converts an image to another pixel type, keeping its box, spacing and origin.
+//
+//   vorn::CastOperator cast;
+//   cast.setParameterValue("type", "uchar");  // "uchar", "short" or "float" (the default)
+//
+// Towards an integer type each value is rounded half away from zero and clamped to the
+// target's range; NaN becomes 0 and infinities clamp. Towards float every value is exact.
+// The input image is never modified; an unknown type name fails the update and leaves the
+// output as it was.
+#pragma once
+
+#include "vorn/ProcessObject.hpp"
+#include "vorn/operators/Export.hpp"
+
+namespace vorn {
+
+class VORN_OPERATORS_API CastOperator : public ProcessObject {
+ public:
+  CastOperator();
+  void generateData() override;
+};
+
+}  // namespace vorn

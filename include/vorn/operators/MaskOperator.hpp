@@ -1,0 +1,22 @@
+// vorn/operators/MaskOperator.hpp
+//
+// MaskOperator: a copy of the image on input 0 in which every pixel whose byte in the UCHAR
+// mask on input 1 is 0 becomes 0; the other pixels keep their values exactly.
+//
+// The mask must hold as many pixels as the image (its own box and geometry are not compared).
+// A mask of another pixel count or another type than UCHAR fails the update before the output
+// is touched. Neither input is modified.
+#pragma once
+
+#include "vorn/ProcessObject.hpp"
+#include "vorn/operators/Export.hpp"
+
+namespace vorn {
+
+class VORN_OPERATORS_API MaskOperator : public ProcessObject {
+ public:
+  MaskOperator();
+  void generateData() override;
+};
+
+}  // namespace vorn

@@ -1,0 +1,72 @@
+#include "vorn/operators/BinaryThreshold.hpp"
+
+#include <charconv>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "OperatorSupport.hpp"
+#include "vorn/Parameter.hpp"
+
+namespace vorn {
+namespace {
+
+unsigned char byteParameter(ProcessObject& op, const std::string& name) {
+  const std::string& value = op.getParameterValue(name);
+  int number = -1;
+  const char* last = value.data() + value.size();
+  const std::from_chars_result result = std::from_chars(value.data(), last, number);
+  if (value.empty() || result.ec != std::errc() || result.ptr != last || number < 0 ||
+      number > 255) {
+    detail::throwBadParameter(op, name, value, "expected an integer from 0 to 255");
+  }
+  return static_cast<unsigned char>(number);
+}
+
+// Compared as doubles, which hold every pixel value and every bound exactly; NaN fails both
+// comparisons and so lands outside.
+template <class T>
+void threshold(const T* in, unsigned char* out, unsigned long count, double lower, double upper,
+               unsigned char inside, unsigned char outside) {
+  for (unsigned long k = 0; k < count; ++k) {
+    const double value = in[k];
+    out[k] = lower <= value && value <= upper ? inside : outside;
+  }
+}
+
+}  // namespace
+
+BinaryThreshold::BinaryThreshold() {
+  setName("BinaryThreshold");
+  addInput("ImageObject");
+  addOutput("ImageObject");
+  addParameter(new Parameter("lower", ""));
+  addParameter(new Parameter("upper", ""));
+  addParameter(new Parameter("inside", "1"));
+  addParameter(new Parameter("outside", "0"));
+}
+
+void BinaryThreshold::generateData() {
+  const std::optional<double> lower = detail::optionalNumberParameter(*this, "lower");
+  const std::optional<double> upper = detail::optionalNumberParameter(*this, "upper");
+  const unsigned char inside = byteParameter(*this, "inside");
+  const unsigned char outside = byteParameter(*this, "outside");
+  const detail::ImagePtr input = detail::inputImage(*this, 0);
+  const detail::ImagePtr output = detail::outputImage(*this, 0);
+  const unsigned long count = input->getPixelNumber();
+  detail::dispatchPixelType(input->getPointType(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    // -inf/+inf for float; the other types' own range, which holds all their values anyway.
+    const double lowest = std::numeric_limits<T>::has_infinity ? -std::numeric_limits<T>::infinity()
+                                                               : std::numeric_limits<T>::lowest();
+    const double highest = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
+                                                                : std::numeric_limits<T>::max();
+    output->Allocate(PixelType::UCHAR, input->getBufferedRegion());
+    detail::copyGeometry(*input, *output);
+    threshold(static_cast<const T*>(static_cast<const ImageObject&>(*input).getBuffer()),
+              static_cast<unsigned char*>(output->getBuffer()), count, lower.value_or(lowest),
+              upper.value_or(highest), inside, outside);
+  });
+}
+
+}  // namespace vorn
