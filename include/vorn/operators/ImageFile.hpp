@@ -1,0 +1,56 @@
+// vorn/operators/ImageFile.hpp
+//
+// Image files: reading PNG and NIfTI-1 files into an ImageObject and writing one back.
+//
+//   vorn::ImageObject image;
+//   vorn::readImageFile("head.nii.gz", image);   // format taken from the bytes, not the name
+//   vorn::writeImageFile(image, "head.png");     // format taken from the name
+//
+// What each format carries:
+// - PNG: 2-D images only, spacing 1 and origin 0. Gray 8-bit reads as UCHAR, gray 16-bit as
+//   FLOAT (0 to 65535). Colour and palette images read as their luma 0.299 R + 0.587 G +
+//   0.114 B, rounded (FLOAT for 16-bit colour); alpha is dropped; 1-, 2- and 4-bit gray is
+//   scaled to 8 bits (a 1-bit white reads 255). UCHAR writes 8-bit gray; SHORT and FLOAT
+//   write 16-bit gray, rounded half away from zero and clamped to 0..65535 (NaN writes 0).
+// - NIfTI-1 (.nii, and .nii.gz compressed): 1 to 7 axes, kept as the header gives them
+//   (trailing axes of size 1 included). uint8, int16 and float32 read as UCHAR, SHORT and
+//   FLOAT; every other real type, and any file with a scaling (scl_slope not 0 and not the
+//   identity), reads as FLOAT. Spacing comes from pixdim, the origin of the first three axes
+//   from the q-form offset (0 without a q-form, and always 0 beyond the third axis).
+//   Spacing and origin are stored as 32-bit floats; axis sizes are limited to 32767.
+//
+// Sharp edges: readImageFile replaces the image's contents through ImageObject::import, so an
+// image that borrows its buffer (see ImageObject.hpp) follows import's rules.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "vorn/ImageObject.hpp"
+#include "vorn/operators/Export.hpp"
+
+namespace vorn {
+
+// An image file that cannot be read or written: what() is "<path>: <what is wrong>".
+class VORN_OPERATORS_API ImageFileError : public std::runtime_error {
+ public:
+  ImageFileError(const std::string& path, const std::string& problem);
+  const std::string& getPath() const;
+
+ private:
+  std::string m_path;
+};
+
+// Reads a PNG or NIfTI-1 file, recognised by its content, into `image`. On any failure throws
+// ImageFileError and leaves `image` exactly as it was; on success the image keeps its
+// generator. Files whose headers claim more pixels than the file can hold are refused before
+// anything that large is allocated.
+VORN_OPERATORS_API void readImageFile(const std::string& path, ImageObject& image);
+
+// Writes `image` in the format named by the extension of `path`: .png, .nii or .nii.gz (case
+// does not matter); anything else throws ImageFileError. The file is written under a
+// temporary name in the same folder and renamed over `path` at the end, so a failure leaves
+// no partial file and an existing `path` untouched.
+VORN_OPERATORS_API void writeImageFile(const ImageObject& image, const std::string& path);
+
+}  // namespace vorn

@@ -1,0 +1,24 @@
+// vorn/operators/ImageFileReader.hpp
+//
+// ImageFileReader: the source operator of a pipeline, reading a PNG or NIfTI-1 file (see
+// ImageFile.hpp for what each format gives) into the image on its one output.
+//
+//   vorn::ImageFileReader reader;
+//   reader.setParameterValue("file", "head.nii.gz");
+//   reader.update();  // a file that cannot be read fails with std::ios_base::failure
+//
+// A failed read leaves the output image as it was. An empty `file` is a bad parameter.
+#pragma once
+
+#include "vorn/ProcessObject.hpp"
+#include "vorn/operators/Export.hpp"
+
+namespace vorn {
+
+class VORN_OPERATORS_API ImageFileReader : public ProcessObject {
+ public:
+  ImageFileReader();
+  void generateData() override;
+};
+
+}  // namespace vorn

@@ -1,0 +1,23 @@
+#include "vorn/operators/ImageFileReader.hpp"
+
+#include <string>
+
+#include "OperatorSupport.hpp"
+#include "vorn/Parameter.hpp"
+#include "vorn/operators/ImageFile.hpp"
+
+namespace vorn {
+
+ImageFileReader::ImageFileReader() {
+  setName("ImageFileReader");
+  addOutput("ImageObject");
+  addParameter(new Parameter("file", ""));
+}
+
+void ImageFileReader::generateData() {
+  const std::string file = getParameterValue("file");
+  if (file.empty()) detail::throwBadParameter(*this, "file", file, "no file name given");
+  readImageFile(file, *detail::outputImage(*this, 0));
+}
+
+}  // namespace vorn
