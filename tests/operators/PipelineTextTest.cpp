@@ -1,0 +1,279 @@
+#include "vorn/operators/PipelineText.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <ios>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <unistd.h>
+
+#include <boost/pointer_cast.hpp>
+
+#include "CoutCapture.hpp"
+#include "vorn/BoxRoi.hpp"
+#include "vorn/DataObject.hpp"
+#include "vorn/ImageObject.hpp"
+#include "vorn/Parameter.hpp"
+#include "vorn/Port.hpp"
+#include "vorn/PortProxy.hpp"
+#include "vorn/operators/ImageFile.hpp"
+#include "vorn/operators/ImageFileReader.hpp"
+#include "vorn/operators/ImageFileWriter.hpp"
+#include "vorn/operators/MaskOperator.hpp"
+#include "vorn/operators/OperatorCatalog.hpp"
+
+namespace {
+
+using vorn::ProcessObject;
+using vorn::TextPipeline;
+
+std::vector<std::string> namesOf(const std::vector<ProcessObject*>& ops) {
+  std::vector<std::string> names;
+  for (const ProcessObject* op : ops) names.push_back(op->getName());
+  return names;
+}
+
+bool reads(ProcessObject* reader, unsigned int input, ProcessObject* source) {
+  return reader->getInputPort(input)->isConnectedTo(source->getOutputPort(0));
+}
+
+TEST(PipelineText, BuildsTheExampleGraph) {
+  CoutCapture capture;
+  const auto pipeline = TextPipeline::build(
+      "read file=in.png as=src ! gaussian sigma=2 ! threshold lower=120 as=m ; "
+      "@src ! mask in1=m ! write file=out.png");
+  EXPECT_EQ(namesOf(pipeline->operators()),
+            (std::vector<std::string>{"src", "gaussian", "m", "mask", "write"}));
+  ProcessObject* src = pipeline->find("src");
+  ProcessObject* gaussian = pipeline->find("gaussian");
+  ProcessObject* m = pipeline->find("m");
+  ProcessObject* mask = pipeline->find("mask");
+  ProcessObject* write = pipeline->find("write");
+  ASSERT_TRUE(src && gaussian && m && mask && write);
+  EXPECT_TRUE(dynamic_cast<vorn::ImageFileReader*>(src));
+  EXPECT_TRUE(dynamic_cast<vorn::MaskOperator*>(mask));
+  EXPECT_TRUE(reads(gaussian, 0, src));
+  EXPECT_TRUE(reads(m, 0, gaussian));
+  EXPECT_TRUE(reads(mask, 0, src));
+  EXPECT_TRUE(reads(mask, 1, m));
+  EXPECT_TRUE(reads(write, 0, mask));
+  EXPECT_EQ(src->getParameterValue("file"), "in.png");
+  EXPECT_EQ(gaussian->getParameterValue("sigma"), "2");
+  EXPECT_EQ(m->getParameterValue("lower"), "120");
+  EXPECT_EQ(m->getParameterValue("upper"), "") << "untouched parameters keep their default";
+  EXPECT_EQ(namesOf(pipeline->sinks()), std::vector<std::string>{"write"});
+  EXPECT_TRUE(dynamic_cast<vorn::ImageFileWriter*>(write)->getDeferredCommit());
+  EXPECT_EQ(pipeline->find("nobody"), nullptr);
+}
+
+TEST(PipelineText, NamesSinksQuotesForwardLabelsAndRegions) {
+  CoutCapture capture;
+  // A label may take a command's name; the unlabelled stages then number themselves past it.
+  auto pipeline = TextPipeline::build("read file=a as=gaussian ! gaussian ! gaussian");
+  EXPECT_EQ(namesOf(pipeline->operators()),
+            (std::vector<std::string>{"gaussian", "gaussian#2", "gaussian#3"}));
+  EXPECT_EQ(namesOf(pipeline->sinks()), std::vector<std::string>{"gaussian#3"});
+
+  // Every unread output is a sink, in order of appearance; a label used later is fine.
+  pipeline = TextPipeline::build(
+      "@s ! mask in1=t ! write file=o.png ; read file=a as=s ! stats ; @s ! threshold as=t");
+  EXPECT_EQ(namesOf(pipeline->sinks()), (std::vector<std::string>{"write", "stats"}));
+  EXPECT_TRUE(reads(pipeline->find("mask"), 0, pipeline->find("s")));
+
+  // Quotes keep blanks and separators; separators may touch words.
+  pipeline = TextPipeline::build("read file=\"my scan!.png\" as=a;@a!write file='o u;t.png'");
+  EXPECT_EQ(pipeline->find("a")->getParameterValue("file"), "my scan!.png");
+  EXPECT_EQ(pipeline->find("write")->getParameterValue("file"), "o u;t.png");
+
+  pipeline = TextPipeline::build("read file=a ! gaussian roi=10,20:64,32");
+  const auto roi = boost::dynamic_pointer_cast<const vorn::BoxRoi>(
+      pipeline->find("gaussian")->getOutputPort(0)->getData()->m_requestedRegionOfInterest);
+  ASSERT_TRUE(roi);
+  const vorn::Box& box = roi->getBox();
+  ASSERT_EQ(box.m_dimension, 2u);
+  EXPECT_EQ(box.m_start[0], 10);
+  EXPECT_EQ(box.m_start[1], 20);
+  EXPECT_EQ(box.m_size[0], 64u);
+  EXPECT_EQ(box.m_size[1], 32u);
+}
+
+// Each malformed text, and words its message must hold to point at the culprit.
+const std::vector<std::pair<std::string, std::string>> kMalformed = {
+    {"", "empty pipeline"},
+    {" \t\n ", "empty pipeline"},
+    {"read file=a ! blur", "stage 2: unknown operator 'blur'"},
+    {"read file=a ! gaussian sigm=2", "stage 2 (gaussian): unknown parameter 'sigm'"},
+    {"read file=a ! mask level=2", "unknown parameter 'level' (it takes none)"},
+    {"read file=a ! gaussian sigma=1 sigma=2", "stage 2 (gaussian): 'sigma' given twice"},
+    {"read file=a as=x as=y", "'as' given twice"},
+    {"read file=a ! mask ! write file=o", "stage 2 (mask): input 1 is not fed"},
+    {"gaussian sigma=2", "stage 1 (gaussian): input 0 is not fed"},
+    {"read file=a ! read file=b", "stage 2 (read): takes no input, but follows stage 1"},
+    {"read file=a as=s ! gaussian in1=s", "stage 2 (gaussian): no input 1"},
+    {"read file=a as=s ; @s ! mask in0=s", "in0 is not allowed"},
+    {"read file=a ! mask in1=nowhere", "stage 2 (mask): unknown label 'nowhere'"},
+    {"@nowhere ! stats", "stage 1 (stats): unknown label 'nowhere'"},
+    {"read file=a as=x ; read file=b as=x", "label 'x' defined twice"},
+    {"@b ! gaussian as=a ; @a ! gaussian as=b", "cycle through labels: a -> b -> a"},
+    {"read file=a as=s ; @s ! mask in1=me as=me", "cycle through labels: me -> me"},
+    {"read file=a ! ! write file=o", "empty stage before '!' at character 15"},
+    {"; read file=a", "empty stage before ';' at character 1"},
+    {"read file=a !", "empty stage after '!' at the end"},
+    {"read file=a ! gaussian roi=1,2:3", "stage 2 (gaussian): malformed roi '1,2:3'"},
+    {"read file=a ! gaussian roi=1:0", "malformed roi '1:0'"},
+    {"read file=a ! gaussian roi=-1:4", "malformed roi '-1:4'"},
+    {"read file=a ! gaussian roi=x:4", "malformed roi 'x:4'"},
+    {"read file=a ! gaussian roi=4", "malformed roi '4'"},
+    {"read file=a ! write file=o roi=0:4", "stage 2 (write): roi needs an output"},
+    {"read file=a ! write file=o as=w ; @w ! stats", "would read stage 2 (write)"},
+    {"read file=a as=b/c", "bad label 'b/c'"},
+    {"read file=a ! gaussian 2", "expected key=value, got '2' at character 24"},
+    {"read file=\"a", "unterminated double quote at character 11"},
+    {"read file=a ! @s ! stats", "'@s' at character 15 can only start a chain"},
+    {"read file=a as=s ; @s stats", "'@s' at character 20 must be followed by '!'"},
+    {"read file=a as=s ; @s", "must be followed by '!'"},
+};
+
+TEST(PipelineText, RefusesMalformedTextsNamingTheCulprit) {
+  CoutCapture capture;
+  for (const auto& [text, culprit] : kMalformed) {
+    try {
+      TextPipeline::build(text);
+      ADD_FAILURE() << "built: " << text;
+    } catch (const vorn::PipelineTextError& error) {
+      EXPECT_NE(std::string(error.what()).find(culprit), std::string::npos)
+          << text << "\n  gave: " << error.what();
+    }
+  }
+  std::string longest = "read file=a";
+  for (std::size_t i = 0; i < TextPipeline::kMaxStages; ++i) longest += " ! stats";
+  EXPECT_THROW(TextPipeline::build(longest), std::invalid_argument);
+}
+
+// Mutations of valid texts: every outcome is a pipeline or a PipelineTextError.
+TEST(PipelineText, SurvivesGarbage) {
+  CoutCapture capture;
+  const std::vector<std::string> seeds = {
+      "read file=in.png as=src ! gaussian sigma=2 ! threshold lower=120 as=m ; @src ! mask "
+      "in1=m ! write file=out.png",
+      "read file='a b' as=x ! cast type=uchar ! stats ; @x ! gaussian roi=1,2:3,4 ! stats",
+      "@s ! mask in1=t ! write file=o.png ; read file=a as=s ! threshold lower=1 upper=2 as=t",
+  };
+  const std::string alphabet = std::string("!;@=:,'\" \tin1230#-") + '\0' + "\xff";
+  std::uint32_t state = 12345;
+  const auto next = [&state](std::uint32_t bound) {
+    state = state * 1664525u + 1013904223u;  // a fixed LCG: the same texts on every run
+    return (state >> 8) % bound;
+  };
+  for (int round = 0; round < 3000; ++round) {
+    std::string text = seeds[round % seeds.size()];
+    for (std::uint32_t edits = 1 + next(3); edits > 0; --edits) {
+      const std::size_t at = next(static_cast<std::uint32_t>(text.size() + 1));
+      switch (next(3)) {
+        case 0:
+          text.insert(at, 1, alphabet[next(static_cast<std::uint32_t>(alphabet.size()))]);
+          break;
+        case 1:
+          text.erase(at, 1 + next(4));
+          break;
+        default:
+          text.insert(at, text.substr(next(static_cast<std::uint32_t>(text.size())), next(12)));
+      }
+    }
+    try {
+      TextPipeline::build(text);
+    } catch (const vorn::PipelineTextError&) {
+    }
+    capture.take();
+  }
+}
+
+std::vector<std::string> filesIn(const std::filesystem::path& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Writers keep their files pending until every sink is done, then all commit or none does.
+TEST(PipelineText, RunCommitsAllWritersOrNone) {
+  CoutCapture capture;
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("vorn-pipeline-text-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir);
+  const std::string in = (dir / "in.png").string();
+  vorn::ImageObject image;
+  vorn::Box box(2);
+  box.m_size[0] = box.m_size[1] = 3;
+  image.Allocate(vorn::PixelType::UCHAR, box);
+  std::fill_n(static_cast<unsigned char*>(image.getBuffer()), 9, 7);
+  vorn::writeImageFile(image, in);
+  const std::string writeA = " ! write file=" + (dir / "a.png").string();
+  const std::string writeB = " ; read file=" + in + " ! write file=" + (dir / "b.png").string();
+
+  auto pipeline = TextPipeline::build("read file=" + in + writeA + " ; read file=" +
+                                      (dir / "missing.png").string() + " ! stats" + writeB);
+  try {
+    pipeline->run();
+    ADD_FAILURE() << "ran";
+  } catch (const vorn::PipelineRunError& error) {
+    const std::string message = error.what();
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+    EXPECT_EQ(message.rfind("read#2: " + (dir / "missing.png").string(), 0), 0u) << message;
+  }
+  EXPECT_EQ(filesIn(dir), std::vector<std::string>{"in.png"}) << "nothing left pending";
+
+  pipeline = TextPipeline::build("read file=" + in + writeA + writeB);
+  pipeline->run();
+  EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"a.png", "b.png", "in.png"}));
+  pipeline.reset();
+  std::filesystem::remove_all(dir);
+}
+
+TEST(PipelineText, DescribesEngineFailuresOnOneLine) {
+  EXPECT_EQ(vorn::describeFailure(std::ios_base::failure(
+                "vorn::ProcessObject::update()\nThe operator g depends on its own output : "
+                "processings cannot be performed\n")),
+            "The operator g depends on its own output : processings cannot be performed");
+  EXPECT_EQ(vorn::describeFailure(std::ios_base::failure(
+                "Operator g has caught an exception\ng: parameter 'sigma' is bad")),
+            "g: parameter 'sigma' is bad");
+  EXPECT_EQ(vorn::describeFailure(std::ios_base::failure(
+                "Operator g has caught an exception\nfile.png: no such file")),
+            "g: file.png: no such file");
+  EXPECT_EQ(vorn::describeFailure(std::runtime_error("\n \n")), "unknown failure");
+}
+
+// The catalog describes the operators as they are really built.
+TEST(OperatorCatalog, MatchesTheOperatorsItCreates) {
+  CoutCapture capture;
+  std::vector<std::string> names;
+  for (const vorn::OperatorInfo& info : vorn::operatorCatalog()) {
+    names.push_back(info.name);
+    const boost::shared_ptr<ProcessObject> op = vorn::createOperator(info.name);
+    ASSERT_TRUE(op) << info.name;
+    EXPECT_EQ(op->getInputPort(info.inputs), nullptr) << info.name;
+    EXPECT_TRUE(info.inputs == 0 || op->getInputPort(info.inputs - 1)) << info.name;
+    EXPECT_EQ(op->getOutputPort(0) != nullptr, info.outputs == 1) << info.name;
+    const std::vector<vorn::Parameter*>& parameters = op->getParameters();
+    ASSERT_EQ(parameters.size(), info.parameters.size()) << info.name;
+    for (std::size_t p = 0; p < parameters.size(); ++p) {
+      EXPECT_EQ(parameters[p]->getIDName(), info.parameters[p].name) << info.name;
+      EXPECT_EQ(parameters[p]->getValue(), info.parameters[p].defaultValue) << info.name;
+    }
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"read", "write", "cast", "gaussian", "threshold",
+                                             "mask", "stats"}));
+  EXPECT_FALSE(vorn::createOperator("Gaussian"));
+  EXPECT_EQ(vorn::findOperator(""), nullptr);
+}
+
+}  // namespace
