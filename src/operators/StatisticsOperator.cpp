@@ -20,7 +20,8 @@ class CompensatedSum {
     m_error += std::abs(m_sum) >= std::abs(value) ? (m_sum - next) + value : (value - next) + m_sum;
     m_sum = next;
   }
-  double value() const { return m_sum + m_error; }
+  // Past an infinity the error term is inf - inf, a NaN: the plain sum is then the answer.
+  double value() const { return std::isfinite(m_sum) ? m_sum + m_error : m_sum; }
 
  private:
   double m_sum = 0.0;
@@ -49,6 +50,10 @@ ImageStatistics statisticsOf(const T* pixels, unsigned long count) {
     return s;
   }
   s.mean = s.sum / static_cast<double>(s.count);
+  if (!std::isfinite(s.mean)) {  // an infinite pixel: no finite spread around it
+    s.stddev = std::numeric_limits<double>::quiet_NaN();
+    return s;
+  }
   CompensatedSum squares;
   for (unsigned long k = 0; k < count; ++k) {
     const double deviation = pixels[k] - s.mean;

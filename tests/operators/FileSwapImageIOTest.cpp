@@ -9,55 +9,56 @@
 #include <string>
 #include <vector>
 
-#include "ImageFileTestSupport.hpp"
+#include "OperatorTestSupport.hpp"
 #include "vorn/DefaultImageIO.hpp"
 #include "vorn/ImageObject.hpp"
 
 namespace fs = std::filesystem;
 using vorn::FileSwapImageIO;
-using vorn::ImageObject;
 using vorn::PixelType;
 
 namespace {
 
 struct SwappedImage {
-  SwappedImage(PixelType::Type type, const std::string& folder) : image(new ImageObject) {
-    if (type == PixelType::SHORT) {
-      fillImage<short>(*image, type, {4, 3, 2}, {-32768, 0, 7, 32767, -5});
-    } else {
-      // Bits a value-based copy would not keep: a NaN payload and a negative zero.
-      fillImage<float>(*image, type, {4, 3, 2},
-                       {std::numeric_limits<float>::signaling_NaN(), -0.0f, 1e-42f, 3.5f});
-    }
-    hook = new FileSwapImageIO(image.get(), folder);
+  SwappedImage(PixelType::Type type, const std::string& folder)
+      : image(type == PixelType::SHORT
+                  ? makeImage<short>({4, 3, 2}, {-32768, 0, 7, 32767, -5})
+                  // Bits a value-based copy would not keep: a NaN payload and a negative zero.
+                  : makeImage<float>({4, 3, 2}, {std::numeric_limits<float>::signaling_NaN(), -0.0f,
+                                                 1e-42f, 3.5f})),
+        hook(new FileSwapImageIO(image.get(), folder)) {
     image->setImageIO(boost::shared_ptr<vorn::IImageIO>(hook));
   }
-  boost::shared_ptr<ImageObject> image;
+  ImagePtr image;
   FileSwapImageIO* hook;  // owned by the image
 };
 
 }  // namespace
 
+// The second image swaps to the system temporary folder, which an empty folder name means.
 TEST(FileSwapImageIO, DumpsToAFileAndRestoresBitForBit) {
   TempFolder folder;
-  for (PixelType::Type type : {PixelType::SHORT, PixelType::FLOAT}) {
-    SwappedImage swapped(type, folder.path().string());
-    ImageObject& image = *swapped.image;
-    const std::vector<char> pixels = pixelBytes(image);
+  for (const auto& [type, where] : {std::make_pair(PixelType::SHORT, folder.path()),
+                                    std::make_pair(PixelType::FLOAT, fs::path())}) {
+    SwappedImage swapped(type, where.string());
+    const std::vector<char> pixels = pixelBytes(*swapped.image);
     swapped.image->dump();
     ASSERT_TRUE(swapped.hook->isDumped());
     const std::string file = swapped.hook->getSwapFile();
-    EXPECT_EQ(fs::path(file).parent_path(), folder.path());
+    EXPECT_TRUE(fs::equivalent(fs::path(file).parent_path(),
+                               where.empty() ? fs::temp_directory_path() : where));
     EXPECT_EQ(fs::file_size(file), pixels.size());
-    EXPECT_EQ(pixelBytes(image), pixels);  // restores
+    EXPECT_EQ(pixelBytes(*swapped.image), pixels);  // restores
     EXPECT_FALSE(swapped.hook->isDumped());
     EXPECT_TRUE(swapped.hook->getSwapFile().empty());
     EXPECT_FALSE(fs::exists(file));
-    EXPECT_EQ(image.getPointType(), type);
-    EXPECT_EQ(image.getBufferedRegion().m_size[2], 2u);
-    EXPECT_EQ(image.getSpacing(2), 2.5);
-    EXPECT_EQ(image.getOrigin(1), -1.25);
+    EXPECT_EQ(swapped.image->getPointType(), type);
+    expectSameGeometry(*swapped.image, *makeImage<short>({4, 3, 2}, {0}));
   }
+  vorn::ImageObject empty;
+  FileSwapImageIO hook(&empty);
+  hook.dump();
+  EXPECT_FALSE(hook.isDumped()) << "an image without axes has nothing to swap";
 }
 
 TEST(FileSwapImageIO, DestroyingTheImageOrTheHookWhileDumpedRemovesTheFile) {
@@ -75,16 +76,11 @@ TEST(FileSwapImageIO, DestroyingTheImageOrTheHookWhileDumpedRemovesTheFile) {
 
 TEST(FileSwapImageIO, DumpThatCannotWriteLeavesTheImageWhole) {
   TempFolder folder;
-  const std::string missing = folder.file("missing");
-  SwappedImage swapped(PixelType::SHORT, missing);
+  SwappedImage swapped(PixelType::SHORT, folder.file("missing"));
   const void* buffer = swapped.image->getBuffer();
   const std::vector<char> pixels = pixelBytes(*swapped.image);
-  try {
-    swapped.image->dump();
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find(missing + "/vorn-swap-"), std::string::npos);
-  }
+  expectThrow<std::runtime_error>([&] { swapped.image->dump(); },
+                                  {folder.file("missing") + "/vorn-swap-"});
   EXPECT_FALSE(swapped.hook->isDumped());
   EXPECT_EQ(swapped.image->getBuffer(), buffer);
   EXPECT_EQ(pixelBytes(*swapped.image), pixels);
@@ -101,26 +97,9 @@ TEST(FileSwapImageIO, RestoreFromAMissingOrShortFileThrowsOnceAndLeavesAnEmptyIm
     } else {
       fs::resize_file(file, 10);
     }
-    try {
-      swapped.image->getBuffer();
-      ADD_FAILURE() << "no exception";
-    } catch (const std::runtime_error& error) {
-      EXPECT_NE(std::string(error.what()).find(file), std::string::npos);
-    }
+    expectThrow<std::runtime_error>([&] { swapped.image->getBuffer(); }, {file});
     EXPECT_FALSE(swapped.hook->isDumped());
     EXPECT_EQ(swapped.image->getDimension(), 0u);
     EXPECT_FALSE(fs::exists(file));
   }
-}
-
-TEST(FileSwapImageIO, UsesTheTemporaryFolderByDefaultAndLeavesEmptyImagesAlone) {
-  SwappedImage swapped(PixelType::SHORT, "");
-  swapped.image->dump();
-  EXPECT_TRUE(fs::equivalent(fs::path(swapped.hook->getSwapFile()).parent_path(),
-                             fs::temp_directory_path()));
-  swapped.image->getBuffer();
-  ImageObject empty;
-  FileSwapImageIO hook(&empty);
-  hook.dump();
-  EXPECT_FALSE(hook.isDumped());
 }
