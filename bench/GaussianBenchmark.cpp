@@ -103,22 +103,25 @@ std::vector<float> fullKernel(double sigma) {
   const long radius = radiusOf(sigma);
   std::vector<float> weights;
   double total = 0;
-  for (long x = -radius; x <= radius; ++x) total += std::exp(-0.5 * x * x / (sigma * sigma));
-  for (long x = -radius; x <= radius; ++x) {
-    weights.push_back(static_cast<float>(std::exp(-0.5 * x * x / (sigma * sigma)) / total));
-  }
+  const auto gauss = [sigma](long x) {
+    const double t = static_cast<double>(x) / sigma;
+    return std::exp(-0.5 * t * t);
+  };
+  for (long x = -radius; x <= radius; ++x) total += gauss(x);
+  for (long x = -radius; x <= radius; ++x) weights.push_back(static_cast<float>(gauss(x) / total));
   return weights;
 }
 
 // The textbook loop: every pixel sums its 2r + 1 taps, clamping each index.
 void scalarPass(const float* in, float* out, long stride, const std::vector<float>& weights) {
   const long radius = static_cast<long>(weights.size() / 2);
+  const float* w = weights.data();
   for (long k = 0; k < kPixels; ++k) {
     const long index = k / stride % kSide;
     float sum = 0;
     for (long t = -radius; t <= radius; ++t) {
       const long source = std::clamp(index + t, 0L, kSide - 1);
-      sum += weights[t + radius] * in[k + (source - index) * stride];
+      sum += w[t + radius] * in[k + (source - index) * stride];
     }
     out[k] = sum;
   }
@@ -128,7 +131,9 @@ void BM_ScalarSeparableBaseline(benchmark::State& state) {
   const double sigma = static_cast<double>(state.range(0));
   const std::vector<float> weights = fullKernel(sigma);
   std::vector<float> volume(kPixels);
-  for (long k = 0; k < kPixels; ++k) volume[k] = static_cast<float>((k * 2654435761u >> 16) & 255);
+  for (std::size_t k = 0; k < volume.size(); ++k) {
+    volume[k] = static_cast<float>((k * 2654435761u >> 16) & 255);
+  }
   std::vector<float> first(kPixels);
   std::vector<float> second(kPixels);
   for (auto _ : state) {

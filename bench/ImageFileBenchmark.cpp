@@ -24,7 +24,8 @@ void fillPattern(vorn::ImageObject& image, vorn::PixelType::Type type,
   image.Allocate(type, box);
   T* pixels = static_cast<T*>(image.getBuffer());
   for (unsigned long k = 0; k < image.getPixelNumber(); ++k) {
-    pixels[k] = static_cast<T>(100.0 + 80.0 * std::sin(k * 0.001) + ((k * 2654435761u >> 13) & 7));
+    const double wave = 80.0 * std::sin(static_cast<double>(k) * 0.001);
+    pixels[k] = static_cast<T>(100.0 + wave + static_cast<double>((k * 2654435761u >> 13) & 7));
   }
 }
 
@@ -43,8 +44,8 @@ void makeImage(vorn::ImageObject& image, const std::string& extension) {
 }
 
 void setBytes(benchmark::State& state, const vorn::ImageObject& image) {
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
-                          vorn::getSizeOf(image.getPointType()) * image.getPixelNumber());
+  const unsigned long bytes = vorn::getSizeOf(image.getPointType()) * image.getPixelNumber();
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
 }
 
 void BM_WriteImageFile(benchmark::State& state, const std::string& extension) {

@@ -26,7 +26,7 @@ void BM_ImportImage(benchmark::State& state) {
     copy.import(&source, nullptr);  // same type and size: the buffer is reused
     benchmark::ClobberMemory();
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * 2 * kPixels * sizeof(float)));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(2 * kPixels * sizeof(float)));
 }
 BENCHMARK(BM_ImportImage)->Unit(benchmark::kMillisecond);
 
@@ -38,7 +38,7 @@ void BM_MemcpyImage(benchmark::State& state) {
     std::memcpy(copy.getBuffer(), source.getBuffer(), kPixels * sizeof(float));
     benchmark::ClobberMemory();
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * 2 * kPixels * sizeof(float)));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(2 * kPixels * sizeof(float)));
 }
 BENCHMARK(BM_MemcpyImage)->Unit(benchmark::kMillisecond);
 

@@ -35,7 +35,7 @@ struct Workload {
     for (unsigned long k = 0; k < pixels; ++k) inside[k] = ((k * 2654435761u) >> 13) & 1;
   }
   void setBytes(benchmark::State& state) const {
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * (2 * kImageBytes + pixels)));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(2 * kImageBytes + pixels));
   }
   unsigned long pixels;
   boost::shared_ptr<vorn::ImageObject> image;

@@ -25,7 +25,7 @@ class LinearChain {
   explicit LinearChain(int length) {
     for (int i = 0; i < length; ++i) {
       m_ops.push_back(std::make_unique<Pass>(i == 0));
-      if (i > 0) m_ops[i]->setInputPort(0, m_ops[i - 1]->getOutputPort(0));
+      if (i > 0) m_ops.back()->setInputPort(0, m_ops[m_ops.size() - 2]->getOutputPort(0));
     }
   }
   void touchSource() { m_ops.front()->setToInvalidated(); }

@@ -73,8 +73,10 @@ void ProcessObject::updateOutputData() {
   const std::clock_t start = std::clock();
   try {
     generateData();
-    std::cout << ". Computation done in " << (std::clock() - start) / 1000000.0 << " s "
-              << std::endl;
+    // 1000000.0 rather than CLOCKS_PER_SEC: the printed figure is defined as clock ticks over a
+    // million, which POSIX makes the same thing.
+    std::cout << ". Computation done in " << static_cast<double>(std::clock() - start) / 1000000.0
+              << " s " << std::endl;
   } catch (const std::exception& e) {
     throw std::ios_base::failure("Operator " + m_name + " has caught an exception\n" + e.what());
   }

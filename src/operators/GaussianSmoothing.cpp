@@ -74,13 +74,13 @@ std::vector<float> kernel(double sigma, long length) {
   const long radius = static_cast<long>(4.0 * sigma + 0.5);
   const long kept = std::min(radius, length - 1);
   if (kept <= 0) return {1.0f};
-  std::vector<double> weights(kept + 1, 0.0);
+  std::vector<double> weights(static_cast<std::size_t>(kept) + 1, 0.0);
   double total = 0.0;
   for (long k = 0; k <= radius; ++k) {
     const double x = static_cast<double>(k) / sigma;
     const double w = std::exp(-0.5 * x * x);
     total += k == 0 ? w : 2.0 * w;
-    weights[std::min(k, kept)] += w;
+    weights[static_cast<std::size_t>(std::min(k, kept))] += w;
   }
   std::vector<float> normalised;
   for (double w : weights) normalised.push_back(static_cast<float>(w / total));
@@ -169,15 +169,16 @@ void forEachRow(const Layout& image, const Region& region, unsigned skip, F&& f)
 void applyKernel(const float* centre, long tap, float* row, long width,
                  const std::vector<float>& w) {
   const long taps = static_cast<long>(w.size());
-  for (long i = 0; i < width; ++i) row[i] = w[0] * centre[i];
+  const float* weights = w.data();
+  for (long i = 0; i < width; ++i) row[i] = weights[0] * centre[i];
   long k = 1;
   for (; k + 1 < taps; k += 2) {
     const float* before = centre - k * tap;
     const float* after = centre + k * tap;
     const float* beforeNext = before - tap;
     const float* afterNext = after + tap;
-    const float wk = w[k];
-    const float wNext = w[k + 1];
+    const float wk = weights[k];
+    const float wNext = weights[k + 1];
     for (long i = 0; i < width; ++i) {
       row[i] += wk * (before[i] + after[i]) + wNext * (beforeNext[i] + afterNext[i]);
     }
@@ -185,7 +186,7 @@ void applyKernel(const float* centre, long tap, float* row, long width,
   if (k < taps) {
     const float* before = centre - k * tap;
     const float* after = centre + k * tap;
-    for (long i = 0; i < width; ++i) row[i] += w[k] * (before[i] + after[i]);
+    for (long i = 0; i < width; ++i) row[i] += weights[k] * (before[i] + after[i]);
   }
 }
 
@@ -201,9 +202,10 @@ void smoothAlongRows(const T* in, float* out, const Layout& image, const Pass& p
   const long width = pass.region.size[0];
   const long last = image.size[0] - 1;
   std::vector<float> padded(static_cast<std::size_t>(width + 2 * radius));
+  float* pad = padded.data();
   forEachRow(image, pass.region, 0, [&](long offset, const std::vector<long>&) {
     for (long j = 0; j < width + 2 * radius; ++j) {
-      padded[j] = static_cast<float>(in[offset + std::clamp(first - radius + j, 0L, last)]);
+      pad[j] = static_cast<float>(in[offset + std::clamp(first - radius + j, 0L, last)]);
     }
     applyKernel(padded.data() + radius, 1, out + offset + first, width, pass.weights);
   });

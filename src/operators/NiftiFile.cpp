@@ -132,7 +132,8 @@ void checkClaim(Layout& layout, const nifti_1_header& header, bool gzipped, std:
     throw ImageFileError(path, "vox_offset " + std::to_string(offset) + " lies outside the file");
   }
   layout.offset = static_cast<std::uint64_t>(offset);
-  if (!multiplyChecked(layout.voxels, layout.bytesPerVoxel, layout.bytes) ||
+  if (!multiplyChecked(layout.voxels, static_cast<std::uint64_t>(layout.bytesPerVoxel),
+                       layout.bytes) ||
       layout.bytes > available - layout.offset) {
     throw ImageFileError(path, "header claims " + std::to_string(layout.voxels) +
                                    " voxels, more than the file of " + std::to_string(fileSize) +

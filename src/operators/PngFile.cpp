@@ -133,9 +133,9 @@ FilePtr openFile(const std::string& path, const char* mode, const std::string& t
 void checkPngClaim(const PngShape& shape, std::uint64_t fileSize, const std::string& path) {
   std::uint64_t bits = 0;
   std::uint64_t bytes = 0;
-  const bool fits = multiplyChecked(shape.width, shape.fileBitsPerPixel, bits) &&
-                    multiplyChecked((bits + 7) / 8, shape.height, bytes) &&
-                    bytes <= inflateBound(fileSize);
+  const bool fits =
+      multiplyChecked(shape.width, static_cast<std::uint64_t>(shape.fileBitsPerPixel), bits) &&
+      multiplyChecked((bits + 7) / 8, shape.height, bytes) && bytes <= inflateBound(fileSize);
   if (!fits) {
     throw ImageFileError(path, "PNG header claims " + std::to_string(shape.width) + " x " +
                                    std::to_string(shape.height) + " pixels, more than a file of " +
@@ -236,7 +236,8 @@ PngShape writableShape(const ImageObject& image, const std::string& target) {
   shape.height = static_cast<png_uint_32>(box.m_size[1]);
   shape.channels = 1;
   shape.bitDepth = type == PixelType::UCHAR ? 8 : 16;
-  shape.rowBytes = static_cast<png_size_t>(shape.width) * (shape.bitDepth / 8);
+  shape.rowBytes =
+      static_cast<png_size_t>(shape.width) * static_cast<png_size_t>(shape.bitDepth / 8);
   return shape;
 }
 

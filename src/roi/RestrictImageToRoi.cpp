@@ -45,7 +45,9 @@ bool usable(const ImageObject& mask, const void* maskBuffer, const void* imageBu
 // never touched by floating-point arithmetic (NaN payloads and -0.0 survive; zero bits are +0.0).
 template <class T, class M>
 void mergeBuffer(void* buffer, const void* mask, unsigned long count) {
-  using Bits = typename SameSizeUnsigned<sizeof(T)>::type;
+  // may_alias: the buffer holds T, and reading it as same-width integers would otherwise break
+  // the aliasing rules the optimiser relies on.
+  using Bits [[gnu::may_alias]] = typename SameSizeUnsigned<sizeof(T)>::type;
   Bits* const pixels = static_cast<Bits*>(buffer);
   const M* const inside = static_cast<const M*>(mask);
   for (unsigned long k = 0; k < count; ++k) {

@@ -158,7 +158,7 @@ TEST_F(UpdateTest, CycleIsReported) {
 TEST_F(UpdateTest, LongChain) {
   std::vector<std::unique_ptr<LoggingOperator>> chain;
   chain.push_back(std::make_unique<LoggingOperator>("0", nullptr, 0, 1));
-  for (int i = 1; i < 10000; ++i) {
+  for (std::size_t i = 1; i < 10000; ++i) {
     chain.push_back(std::make_unique<LoggingOperator>(std::to_string(i), nullptr));
     connect(*chain[i - 1], *chain[i]);
   }

@@ -57,7 +57,7 @@ std::vector<double> directSmoothing(const std::vector<float>& in,
         const long radius = static_cast<long>(footprint[axis] / 2);
         const long last = static_cast<long>(sizes[axis]) - 1;
         const long index = std::min(std::max(indexAlong(p, sizes, axis) + tap - radius, 0L), last);
-        weight *= weights[axis][tap];
+        weight *= weights[axis][static_cast<std::size_t>(tap)];
         source += static_cast<unsigned long>(index) * stride;
         stride *= sizes[axis];
       }

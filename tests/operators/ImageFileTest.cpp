@@ -82,10 +82,10 @@ Bytes pngOf(png_uint_32 width, png_uint_32 height, int bitDepth, int colorType, 
 
 // A PNG chunk's CRC made right again after an edit; `type` is where its type field starts.
 void fixCrc(Bytes& png, std::size_t type) {
-  const std::uint32_t length =
-      png[type - 4] << 24 | png[type - 3] << 16 | png[type - 2] << 8 | png[type - 1];
+  std::uint32_t length = 0;
+  for (std::size_t k = type - 4; k < type; ++k) length = length << 8 | png[k];
   const uLong crc = crc32(0, png.data() + type, length + 4);
-  for (int k = 0; k < 4; ++k) png[type + 4 + length + k] = (crc >> (24 - 8 * k)) & 0xff;
+  for (unsigned k = 0; k < 4; ++k) png[type + 4 + length + k] = (crc >> (24 - 8 * k)) & 0xff;
 }
 
 Bytes gzipped(const Bytes& data) {
@@ -280,12 +280,12 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
   for (unsigned k = 0; k < 4096; ++k) noise.push_back(static_cast<unsigned char>(k * 7919 >> 3));
   const Bytes good = pngOf(64, 64, 8, kGray, noise);
   const std::string idatName = "IDAT";
-  const std::size_t idat =
-      std::search(good.begin(), good.end(), idatName.begin(), idatName.end()) - good.begin();
+  const std::size_t idat = static_cast<std::size_t>(
+      std::search(good.begin(), good.end(), idatName.begin(), idatName.end()) - good.begin());
   Bytes flipped = good, badCrc = good, huge = good;
   flipped[idat + 20] ^= 0x40;
   fixCrc(flipped, idat);
-  badCrc[idat + 4 + (good[idat - 2] << 8 | good[idat - 1])] ^= 0x01;
+  badCrc[idat + 4 + (std::size_t{good[idat - 2]} << 8 | good[idat - 1])] ^= 0x01;
   huge[17] = huge[21] = 0x01;  // width and height 100000 = 0x0186a0
   huge[18] = huge[22] = 0x86;
   huge[19] = huge[23] = 0xa0;
@@ -307,7 +307,8 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
       {"empty.png", {}, "empty file"},
       {"text.nii", Bytes(text.begin(), text.end()), "not a PNG or NIfTI-1 file"},
       {"text.nii.gz", gzipped(Bytes(text.begin(), text.end())), "not a PNG or NIfTI-1 file"},
-      {"half.png", Bytes(good.begin(), good.begin() + good.size() / 2), "bad PNG"},
+      {"half.png", Bytes(good.begin(), good.begin() + static_cast<long>(good.size() / 2)),
+       "bad PNG"},
       {"flipped.png", flipped, "bad PNG"},
       {"crc.png", badCrc, "CRC error"},
       {"huge.png", huge, "100000 x 100000"},

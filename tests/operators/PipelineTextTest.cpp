@@ -153,7 +153,7 @@ TEST(PipelineText, SurvivesGarbage) {
     return (state >> 8) % bound;
   };
   for (int round = 0; round < 3000; ++round) {
-    std::string text = seeds[round % seeds.size()];
+    std::string text = seeds[static_cast<std::size_t>(round) % seeds.size()];
     for (std::uint32_t edits = 1 + next(3); edits > 0; --edits) {
       const std::size_t at = next(static_cast<std::uint32_t>(text.size() + 1));
       switch (next(3)) {
