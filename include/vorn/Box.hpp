@@ -27,17 +27,22 @@ class VORN_API Box {
   bool operator==(const Box& other) const;
 
   // Product of the sizes in unsigned long arithmetic (wraps on overflow); 0 for no axes.
+  // Because it wraps, never size a buffer with it: ImageObject counts its pixels checked.
   unsigned long volume() const;
 
   // Address, dimension, every start, then every size; one line each.
   void printSelf(std::ostream& os) const;
   void print() const;
 
+ private:
+  // Only the constructors, the assignment and the destructor manage the arrays; a client that
+  // wants other arrays assigns another box.
   // Makes both arrays for m_dimension. Frees nothing: call only when there are none.
   void allocateBoxBuffers();
   // Frees both arrays and nulls them; m_dimension is left as it is.
   void desallocateBoxBuffers();
 
+ public:
   long* m_start;          // owning array of m_dimension starts
   unsigned long* m_size;  // owning array of m_dimension sizes
   unsigned int m_dimension;

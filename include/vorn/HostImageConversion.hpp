@@ -32,14 +32,17 @@ class ImageObject;
 // rounded through float; `image` stops managing its buffer. Writes one trace line with the host
 // type name. A buffer `image` owned before is freed rather than lost. An empty `img`, a null
 // `image`, or a host image with fewer sizes, origins or spacings than axes is refused with one
-// line.
+// line. A host image no buffer can match (a negative size, sizes whose pixel or byte count does
+// not fit, pixels without a buffer, an origin beyond a start index) throws
+// std::invalid_argument naming the value, before anything is printed or changed.
 VORN_API void ToVornImage(boost::shared_ptr<data::Image> img, ImageObject* image);
 
 // Describes `image` in `img`: dimension, sizes, the box starts as origin, spacing, the host type
 // named like the pixel type ("short int" taken as the host's own 16-bit name), and the buffer,
 // which `img` takes over; `image` stops managing it. An unknown pixel type throws the host's
 // std::invalid_argument after the geometry has been written, with `image` still owning its
-// buffer. An empty `img`, a null `image` or one of more than 255 axes is refused with one line.
+// buffer. An empty `img`, a null `image` or one of more than 255 axes is refused with one line;
+// a size above the host's int range throws std::invalid_argument before `img` changes.
 VORN_API void FromVornImage(const ImageObject* image, boost::shared_ptr<data::Image> img);
 
 }  // namespace vorn

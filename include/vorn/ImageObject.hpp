@@ -19,7 +19,12 @@
 // Buffer ownership: while getManageItsBuffer() is true the image frees its buffer (delete[] as
 // char). While it is false the buffer belongs to whoever supplied it (the host image after a
 // conversion) and the image never frees it -- except through reDefine(), see there. Buffers that
-// Allocate, AllocateDataBuffer or import create while the flag is false are the caller's to free.
+// Allocate or import create while the flag is false are the caller's to free.
+//
+// Sizes: pixel and byte counts never wrap. A box whose pixel count does not fit in unsigned long,
+// or whose getSizeOf(type) x pixel count bytes exceed PTRDIFF_MAX, describes no possible buffer:
+// every operation below refuses it before changing anything (Allocate and import with
+// std::bad_alloc, reDefine and restore with std::length_error), so the image stays as it was.
 //
 // Not thread-safe: an image is used from one thread at a time.
 #pragma once
@@ -53,16 +58,20 @@ class VORN_API ImageObject : public DataObject {
   // A buffer the image does not own is only dropped. The box, hook and flag keep their values.
   void initialize();
   // Restores; initialize(), then a new uninitialised buffer for `box`, adopted by reDefine().
+  // A size that does not fit throws std::bad_alloc before anything changes. Running out of
+  // memory for a size that fits throws it after initialize(), leaving the image empty: the old
+  // and the new buffer never have to exist together.
   void Allocate(PixelType::Type type, Box box);
   // Restores; adopts `buffer` (the pointer, nothing copied) as the pixels of `type` over `box`,
-  // with spacing 1.0 and origin 0.0 on every axis. The ownership flag keeps its value.
+  // with spacing 1.0 and origin 0.0 on every axis. The ownership flag keeps its value. A box no
+  // buffer can match throws std::length_error; the image and `buffer` stay as they were.
   // HAZARD: the previous buffer is freed even when the image does not own it. Never reDefine an
   // image whose buffer another owner still uses (such as one filled by ToVornImage); use
   // initialize() or Allocate() there.
   void reDefine(PixelType::Type type, Box box, void* buffer);
   // Re-describes the image around `buffer` without restoring and without freeing the previous
   // buffer (its pointer is simply replaced: call ReleaseDataBuffer() first if the image owns
-  // one). Meant for storage hooks and host conversion.
+  // one). Meant for storage hooks and host conversion. Refuses a box like reDefine().
   void restore(PixelType::Type type, Box box, void* buffer);
   // Brings a dumped image back through its hook; does nothing when it is not dumped.
   void restore() const;
@@ -70,8 +79,10 @@ class VORN_API ImageObject : public DataObject {
   void dump();
   // Restores both; makes this image a deep copy of `source` (one block copy of the pixels,
   // reusing the present buffer when type and pixel count match) and sets `generator`.
-  // A source that is null or not an image leaves this image unchanged. The generator is only
-  // recorded: keep it alive as long as this image may be asked to update.
+  // A source that is null or not an image leaves this image unchanged, and so does one whose
+  // byte count does not fit (std::bad_alloc). Running out of memory leaves it empty, as
+  // Allocate() does. The generator is only recorded: keep it alive as long as this image may be
+  // asked to update.
   void import(const DataObject* source, ProcessObject* generator);
 
   unsigned int getDimension() const;     // restores
@@ -94,21 +105,28 @@ class VORN_API ImageObject : public DataObject {
   // Replaces the hook. An empty pointer is refused with one line: the image always has a hook.
   void setImageIO(boost::shared_ptr<IImageIO> imageIO);
 
-  // Low-level buffer operations, used by the operations above; none of them restores.
+  // Frees the pixel buffer only while the image owns it; does not restore. Public because a
+  // storage hook or a host conversion must call it before restore(type, box, buffer), which
+  // frees nothing, whenever the image may own the buffer being replaced.
+  void ReleaseDataBuffer();
+
+ private:
+  // Low-level buffer operations behind the public ones; none of them restores.
+
+  // The product of the box's sizes; std::bad_alloc, changing nothing, when it does not fit.
   void computePixelNumber();
   // Allocates getSizeOf(type) x pixel count bytes when the count is not 0, overwriting the
-  // pointer without freeing it: release first.
+  // pointer without freeing it: release first. A byte count that does not fit throws
+  // std::bad_alloc before the pointer changes.
   void AllocateDataBuffer();
   // Allocates spacing and origin where missing and sets 1.0 and 0.0 on every axis; with
   // dimension 0 it writes a message and allocates nothing.
   void AllocateInformationBuffers();
-  // Frees the pixel buffer only while the image owns it.
-  void ReleaseDataBuffer();
   void ReleaseInformationBuffers();
 
- private:
   bool isAxis(unsigned int axis, const char* operation) const;
   void describe(PixelType::Type type, const Box& box, void* buffer);
+  void replaceDataBuffer(PixelType::Type type, unsigned long pixelNumber);
 
   Box m_bufferedRegion;  // start and size per axis of the buffer
   PixelType::Type m_pointType;

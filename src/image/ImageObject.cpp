@@ -3,10 +3,40 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <new>
+#include <stdexcept>
+#include <string>
 
+#include "image/SizeArithmetic.hpp"
 #include "vorn/DefaultImageIO.hpp"
 
 namespace vorn {
+namespace {
+
+std::size_t pixelBytesOrBadAlloc(PixelType::Type type, const Box& box) {
+  unsigned long count = 0;
+  std::size_t bytes = 0;
+  if (!detail::checkedPixelCount(box, count) || !detail::checkedPixelBytes(type, count, bytes)) {
+    throw std::bad_alloc();
+  }
+  return bytes;
+}
+
+// A box adopted with a caller's buffer must be one some buffer could match.
+void checkDescribable(PixelType::Type type, const Box& box, const char* operation) {
+  const std::string prefix = std::string("ImageObject::") + operation + " : ";
+  unsigned long count = 0;
+  std::size_t bytes = 0;
+  if (!detail::checkedPixelCount(box, count)) {
+    throw std::length_error(prefix + "the box's sizes multiply to more pixels than can be counted");
+  }
+  if (!detail::checkedPixelBytes(type, count, bytes)) {
+    throw std::length_error(prefix + std::to_string(count) + " pixels of " + getTypeIdName(type) +
+                            " need more bytes than a buffer can hold");
+  }
+}
+
+}  // namespace
 
 ImageObject::ImageObject()
     : m_pointType(PixelType::UNKNOWN),
@@ -76,11 +106,13 @@ void ImageObject::initialize() {
 }
 
 void ImageObject::Allocate(PixelType::Type type, Box box) {
+  const std::size_t bytes = pixelBytesOrBadAlloc(type, box);  // before initialize() frees
   initialize();
-  reDefine(type, box, new char[getSizeOf(type) * box.volume()]);
+  reDefine(type, box, new char[bytes]);
 }
 
 void ImageObject::reDefine(PixelType::Type type, Box box, void* buffer) {
+  checkDescribable(type, box, "reDefine");
   restore();
   // The previous buffer goes whatever the flag says; the flag itself is kept.
   const bool manage = m_manageItsBuffer;
@@ -92,6 +124,7 @@ void ImageObject::reDefine(PixelType::Type type, Box box, void* buffer) {
 }
 
 void ImageObject::restore(PixelType::Type type, Box box, void* buffer) {
+  checkDescribable(type, box, "restore");
   ReleaseInformationBuffers();
   describe(type, box, buffer);
 }
@@ -123,6 +156,10 @@ void ImageObject::import(const DataObject* source, ProcessObject* generator) {
   }
   restore();
   image->restore();
+  std::size_t bytes = 0;
+  if (!detail::checkedPixelBytes(image->m_pointType, image->m_pixelNumber, bytes)) {
+    throw std::bad_alloc();
+  }
   ReleaseInformationBuffers();
   m_dimension = image->m_dimension;
   AllocateInformationBuffers();
@@ -130,14 +167,22 @@ void ImageObject::import(const DataObject* source, ProcessObject* generator) {
   std::copy(image->m_spacing, image->m_spacing + m_dimension, m_spacing);
   std::copy(image->m_origin, image->m_origin + m_dimension, m_origin);
   if (m_pixelNumber != image->m_pixelNumber || m_pointType != image->m_pointType) {
-    ReleaseDataBuffer();
-    m_pointType = image->m_pointType;
-    m_pixelNumber = image->m_pixelNumber;
-    AllocateDataBuffer();
+    replaceDataBuffer(image->m_pointType, image->m_pixelNumber);
   }
-  const unsigned long bytes = getSizeOf(m_pointType) * m_pixelNumber;
   if (bytes != 0) std::memcpy(m_buffer, image->getBuffer(), bytes);
   setGenerator(generator);
+}
+
+void ImageObject::replaceDataBuffer(PixelType::Type type, unsigned long pixelNumber) {
+  ReleaseDataBuffer();
+  m_pointType = type;
+  m_pixelNumber = pixelNumber;
+  try {
+    AllocateDataBuffer();
+  } catch (...) {
+    initialize();  // an image without its pixels would claim bytes it does not have
+    throw;
+  }
 }
 
 unsigned int ImageObject::getDimension() const {
@@ -211,13 +256,17 @@ void ImageObject::setImageIO(boost::shared_ptr<IImageIO> imageIO) {
 }
 
 void ImageObject::computePixelNumber() {
-  // Box::volume() is the same product, 0 for no axes.
-  m_pixelNumber = m_dimension == 0 ? 0 : m_bufferedRegion.volume();
+  unsigned long count = 0;
+  if (m_dimension != 0 && !detail::checkedPixelCount(m_bufferedRegion, count)) {
+    throw std::bad_alloc();
+  }
+  m_pixelNumber = count;
 }
 
 void ImageObject::AllocateDataBuffer() {
-  computePixelNumber();
-  if (m_pixelNumber != 0) m_buffer = new char[getSizeOf(m_pointType) * m_pixelNumber];
+  std::size_t bytes = 0;
+  if (!detail::checkedPixelBytes(m_pointType, m_pixelNumber, bytes)) throw std::bad_alloc();
+  if (m_pixelNumber != 0) m_buffer = new char[bytes];
 }
 
 void ImageObject::AllocateInformationBuffers() {

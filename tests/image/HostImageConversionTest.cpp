@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cmath>
+#include <functional>
 #include <stdexcept>
 #include <zelData/Image.hpp>
 
@@ -105,6 +108,76 @@ TEST(HostImageConversion, UnknownTypesAndRefusals) {
   vorn::FromVornImage(nullptr, host);
   EXPECT_EQ("ToVornImage : host image geometry incomplete\nFromVornImage : no image to convert\n",
             out.str());
+}
+
+// Everything the image holds, as it prints (buffer address included).
+std::string stateOf(const ImageObject& image) {
+  CoutCapture out;
+  image.print();
+  return out.str();
+}
+
+std::string refusalOf(const std::function<void()>& conversion) {
+  try {
+    conversion();
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  }
+  return "nothing thrown";
+}
+
+// Tests host images that describe no possible buffer: each throws naming the impossible value,
+// prints nothing (not even the trace line) and leaves the ImageObject as it was, owner of its
+// buffer. No pixels need no buffer.
+TEST(HostImageConversion, ImpossibleHostImagesThrowAndChangeNothing) {
+  ImageObject image;
+  image.Allocate(PixelType::SHORT, box2(2, 3));
+  image.setOrigin(1, 4.0);
+  const std::string before = stateOf(image);
+  HostPtr noBuffer = hostImage("float", {4, 5}, {0.0, 0.0}, {1.0, 1.0});
+  noBuffer->setBuffer(nullptr);
+  const std::pair<HostPtr, std::string> cases[] = {
+      {hostImage("float", {4, -3}, {0.0, 0.0}, {1.0, 1.0}), "host size -3 on axis 1 is impossible"},
+      {hostImage("unsigned char", {65536, 65536, 65536, 65536}, {0, 0, 0, 0}, {1, 1, 1, 1}),
+       "host sizes 65536 x 65536 x 65536 x 65536 multiply to more pixels than can be counted"},
+      // (2^31 - 1)^2 pixels fit in 64 bits; four bytes each do not.
+      {hostImage("float", {INT_MAX, INT_MAX}, {0.0, 0.0}, {1.0, 1.0}),
+       "host image of 4611686014132420609 pixels of float needs more bytes than memory can hold"},
+      {noBuffer, "host image of 20 pixels has no buffer"},
+      {hostImage("float", {4}, {std::nan("")}, {1.0}),
+       "host origin nan on axis 0 is no start index"},
+  };
+  CoutCapture out;
+  for (const auto& [host, message] : cases) {
+    EXPECT_EQ("ToVornImage : " + message, refusalOf([&] { vorn::ToVornImage(host, &image); }));
+    EXPECT_EQ(before, stateOf(image));
+    EXPECT_TRUE(image.getManageItsBuffer());
+  }
+  EXPECT_EQ("", out.str());
+  noBuffer->setCRefSize({0, 5});
+  vorn::ToVornImage(noBuffer, &image);
+  EXPECT_EQ(0u, image.getPixelNumber());
+}
+
+// Tests the way back: a size the host's int cannot hold throws before the host image changes,
+// and more axes than the host's 255 keep their one-line refusal.
+TEST(HostImageConversion, SizesTheHostCannotHoldChangeNothing) {
+  CoutCapture out;
+  HostPtr host = hostImage("float", {4, 5}, {1.0, 2.0}, {0.5, 0.5});
+  void* const hostBuffer = host->getBuffer();
+  ImageObject wide, manyAxes;
+  vorn::Box box(1);
+  box.m_size[0] = 3000000000ul;
+  wide.reDefine(PixelType::UNKNOWN, box, nullptr);  // no bytes, so no buffer needed
+  EXPECT_EQ("FromVornImage : size 3000000000 on axis 0 does not fit in a host image",
+            refusalOf([&] { vorn::FromVornImage(&wide, host); }));
+  manyAxes.Allocate(PixelType::UCHAR, vorn::Box(256));
+  vorn::FromVornImage(&manyAxes, host);
+  EXPECT_EQ("FromVornImage : more axes than the host image holds\n", out.str());
+  EXPECT_EQ((std::vector<int>{4, 5}), host->getCRefSize());
+  EXPECT_EQ("float", host->getPixelType().string());
+  EXPECT_EQ(hostBuffer, host->getBuffer());
+  EXPECT_TRUE(wide.getManageItsBuffer() && manyAxes.getManageItsBuffer());
 }
 
 }  // namespace

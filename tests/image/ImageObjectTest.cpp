@@ -4,7 +4,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
+#include <stdexcept>
 #include <vector>
 
 #include "CoutCapture.hpp"
@@ -12,10 +14,14 @@
 
 // Records the sizes of array allocations other than per-axis arrays (multiples of 8 bytes), so
 // tests see the bytes a pixel buffer asks for. The replacement reaches the library's calls.
+// Above 1 GiB it records the request and fails as if memory were exhausted: a test can then ask
+// for sizes no machine has without the allocator (or a sanitizer) ever seeing them.
 static std::vector<std::size_t>* g_pixelAllocations = nullptr;
+constexpr std::size_t kTestMemory = std::size_t{1} << 30;
 void* operator new[](std::size_t bytes) {
-  if (g_pixelAllocations != nullptr && (bytes == 0 || bytes % 8 != 0))
+  if (g_pixelAllocations != nullptr && (bytes == 0 || bytes % 8 != 0 || bytes > kTestMemory))
     g_pixelAllocations->push_back(bytes);
+  if (bytes > kTestMemory) throw std::bad_alloc();
   if (void* p = std::malloc(bytes == 0 ? 1 : bytes)) return p;
   throw std::bad_alloc();
 }
@@ -197,6 +203,95 @@ TEST(ImageObject, Refusals) {
       "ImageObject::setSpacing axis 1 out of range\nImageObject::getOrigin axis 5 out of range\n",
       out.str());
   EXPECT_EQ(hook, image.getImageIO());
+}
+
+// Sizes whose true products are known: 3 x kThirdOfWrap is 2^64 + 2, which unsigned long
+// arithmetic wraps to 2; 4 x (2^62 + 1) bytes wraps to 4; (2^32 + 1) x (2^32 - 1) is 2^64 - 1.
+constexpr unsigned long kThirdOfWrap = 6148914691236517206ul;
+constexpr unsigned long k2To62 = 1ul << 62;
+constexpr unsigned long k2To32 = 1ul << 32;
+
+// Everything the image holds (buffer address, type, box, count, spacing, origin) as it prints.
+std::string stateOf(const ImageObject& image) {
+  CoutCapture out;
+  image.print();
+  return out.str();
+}
+
+std::string failureOf(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const std::bad_alloc&) {
+    return "bad_alloc";
+  } catch (const std::length_error& error) {
+    return error.what();
+  }
+  return "nothing thrown";
+}
+
+// Tests every operation that sizes or adopts a buffer, given a pixel count past 64 bits, a byte
+// count past 64 bits, or byte counts past PTRDIFF_MAX: each throws before anything changes and
+// asks for no buffer at all (the wrapping arithmetic asked for 2 and 4 bytes here).
+TEST(ImageObjectSizes, ImpossibleSizesChangeNothingAndAllocateNothing) {
+  ImageObject image;
+  image.Allocate(PixelType::FLOAT, makeBox({3, 4}));
+  image.setSpacing(1, 0.25);
+  const std::string before = stateOf(image);
+  char foreign[4] = {};
+  const std::string kBadAlloc = "bad_alloc", kReDefine = "ImageObject::reDefine : ";
+  const struct {
+    std::function<void()> operation;
+    std::string failure;
+  } cases[] = {
+      {[&] {
+         image.Allocate(PixelType::UCHAR, makeBox({3, kThirdOfWrap}));
+       },
+       kBadAlloc},
+      {[&] { image.Allocate(PixelType::FLOAT, makeBox({k2To62 + 1})); }, kBadAlloc},
+      {[&] {
+         image.Allocate(PixelType::UCHAR, makeBox({k2To32 + 1, k2To32 - 1}));
+       },
+       kBadAlloc},
+      {[&] { image.Allocate(PixelType::SHORT, makeBox({k2To62})); }, kBadAlloc},  // 2^63 bytes
+      {[&] {
+         image.reDefine(PixelType::FLOAT, makeBox({3, kThirdOfWrap}), foreign);
+       },
+       kReDefine + "the box's sizes multiply to more pixels than can be counted"},
+      {[&] { image.restore(PixelType::FLOAT, makeBox({k2To62 + 1}), foreign); },
+       "ImageObject::restore : 4611686018427387905 pixels of float need more bytes than a "
+       "buffer can hold"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.failure);
+    std::vector<std::size_t> allocations;
+    g_pixelAllocations = &allocations;
+    EXPECT_EQ(c.failure, failureOf(c.operation));
+    g_pixelAllocations = nullptr;
+    EXPECT_TRUE(allocations.empty());
+    EXPECT_EQ(before, stateOf(image));
+  }
+}
+
+// Tests sizes that fit: the true byte count is asked for, never a wrapped one, and running out
+// of memory for it (Allocate, import) leaves an empty image, never a pixel count without pixels.
+// A 0 on any axis makes 0 pixels even when the other sizes overflow.
+TEST(ImageObjectSizes, SizesThatFitAreAskedForExactly) {
+  ImageObject image, source;
+  std::vector<std::size_t> allocations;
+  g_pixelAllocations = &allocations;
+  EXPECT_THROW(image.Allocate(PixelType::SHORT, makeBox({k2To62 - 1})), std::bad_alloc);
+  image.Allocate(PixelType::FLOAT, makeBox({2, 2}));
+  char lent[8] = {};
+  source.manageItsBuffer(false);
+  source.reDefine(PixelType::UCHAR, makeBox({k2To32 / 2}), lent);  // claims 2 GiB, never read
+  EXPECT_THROW(image.import(&source, nullptr), std::bad_alloc);
+  g_pixelAllocations = nullptr;
+  EXPECT_EQ((std::vector<std::size_t>{(k2To62 - 1) * 2, k2To32 / 2}), allocations);
+  EXPECT_EQ(kHead + "Dimension : 0\nNo data yet\n", stateOf(image));
+  EXPECT_EQ(nullptr, image.getBuffer());
+
+  image.Allocate(PixelType::UCHAR, makeBox({k2To32 * 256, k2To32, 0}));
+  EXPECT_EQ(0u, image.getPixelNumber());
 }
 
 }  // namespace

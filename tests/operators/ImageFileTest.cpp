@@ -290,6 +290,17 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
   huge[18] = huge[22] = 0x86;
   huge[19] = huge[23] = 0xa0;
   fixCrc(huge, 12);
+  // Width and height 2^31 - 1, the most PNG allows: 2^62 bytes of 8-bit gray fit in 64 bits
+  // (not in any memory); as 16-bit RGBA, 8 bytes a pixel, the byte count passes 2^64.
+  Bytes widest = good;
+  widest[16] = widest[20] = 0x7f;
+  std::fill(widest.begin() + 17, widest.begin() + 20, 0xff);
+  std::fill(widest.begin() + 21, widest.begin() + 24, 0xff);
+  fixCrc(widest, 12);
+  Bytes widestRgba64 = widest;
+  widestRgba64[24] = 16;
+  widestRgba64[25] = kRgba;
+  fixCrc(widestRgba64, 12);
   nifti_1_header axes0 = niftiHeader({4}), axes8 = niftiHeader({4}), far = niftiHeader({4});
   axes0.dim[0] = 0;
   axes8.dim[0] = 8;
@@ -314,6 +325,11 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
       {"huge.png", huge, "100000 x 100000"},
       {"overflow.nii",
        niftiFile(niftiHeader({32767, 32767, 32767, 32767, 32767, 32767, 32767}), four), "multiply"},
+      {"widest.png", widest, "2147483647 x 2147483647 pixels, more than a file of"},
+      {"widest64.png", widestRgba64, "2147483647 x 2147483647 pixels, more than a file of"},
+      // 32767^4 x 4 voxels fit in 64 bits; their bytes, as doubles, do not.
+      {"overflow64.nii", niftiFile(niftiHeader({32767, 32767, 32767, 32767, 4}, DT_FLOAT64), four),
+       "header claims 4611123094243246084 voxels, more than the file"},
       {"short.nii", niftiFile(niftiHeader({100, 100, 100}), four), "more than the file"},
       {"short.nii.gz", gzipped(niftiFile(niftiHeader({10, 10, 10}), four)), "ends before"},
       {"crc.nii.gz", badGzipCheck, "corrupt"},
