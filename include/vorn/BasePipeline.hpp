@@ -42,7 +42,8 @@ class VORN_API BasePipeline : public ProcessObject {
   ~BasePipeline() override;
 
   // Updates the data behind each output port in index order, then clears the pipeline's own
-  // flag directly (no event). An output leading to no data is reported with one line.
+  // flag directly (no event). An output leading to no data is reported with one line. A
+  // pipeline destroyed by an observer meanwhile ends it with std::ios_base::failure.
   void update() override;
   bool isComposite() override;
   // "\nPIPELINE PORTS ...\n", the operator's own print, then each inner operator's.
@@ -51,7 +52,9 @@ class VORN_API BasePipeline : public ProcessObject {
   bool isInvalidated() override;
   // With repercussion on: invalidates the operators reading the pipeline's inputs (those not
   // already invalidated; composites always, except this pipeline and its parent). The
-  // pipeline's own flag and observers are left alone.
+  // pipeline's own flag and observers are left alone. Reached again from its own walk with no
+  // operator invalidated since it began (pipelines whose inputs read each other's), it does
+  // nothing: that walk would repeat without end.
   void setToInvalidated() override;
   // Appends an output port (a PortProxy, no data object of its own) of `dataType`.
   void addOutput(const std::string& dataType) override;

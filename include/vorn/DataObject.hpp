@@ -53,10 +53,6 @@ class VORN_API DataObject : public Object {
 
  protected:
   ProcessObject* m_generator;  // back-pointer; ~ProcessObject nulls it on data still held
-
- private:
-  // Whether invalidated operators upstream of `op` lead back to `op`.
-  static bool isOnStaleCycle(ProcessObject* op);
 };
 
 }  // namespace vorn

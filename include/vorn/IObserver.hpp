@@ -2,7 +2,10 @@
 //
 // IObserver: what a client implements to follow an operator. Each call passes the notifying
 // operator. Operators never own, delete or notify the destruction of their observers; an
-// observer may detach itself, or others, from inside a notification.
+// observer may detach itself, or others, from inside a notification, and may update,
+// invalidate, rewire or destroy operators (ProcessObject.hpp says what the engine then does).
+// An exception thrown from a notification leaves through the call that caused it; from
+// onInvalidated, only once the invalidation has finished, and not at all from a destructor.
 #pragma once
 
 #include "vorn/Export.hpp"

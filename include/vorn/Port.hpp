@@ -52,7 +52,8 @@ class VORN_API Port {
   void registerAttachement(PortProxy* proxy) const;
   void unRegisterAttachement(PortProxy* proxy) const;
   // Disconnects every input port connected to this one, highest address first; each
-  // disconnection invalidates that input port's operator.
+  // disconnection invalidates that input port's operator. An exception from an observer is
+  // rethrown once all are disconnected (the destructor drops it).
   void disconnectAttachedProxies() const;
 
  protected:

@@ -26,9 +26,12 @@ class VORN_API PortProxy : public Port {
   // Null disconnects. A port of another data type is refused with
   // "PortProxy::connectTo Connection impossible because data object types differ", and a port
   // whose chain leads back to this one is refused with one line too; either way the present
-  // connection stays. Otherwise disconnects (invalidating), then connects.
+  // connection stays. Otherwise disconnects (invalidating), then connects, unless an observer
+  // destroyed either port during the invalidation; an exception from an observer is rethrown
+  // once connected.
   virtual void connectTo(const Port* port);
-  // Invalidates the readers (even when unconnected), then leaves the connection.
+  // Invalidates the readers (even when unconnected), then leaves the connection; an exception
+  // from an observer is rethrown once it is left.
   virtual void disconnect();
   // Whether the connection is `port`; an unconnected port answers true for null.
   virtual bool isConnectedTo(const Port* port) const;
@@ -41,6 +44,8 @@ class VORN_API PortProxy : public Port {
 
  private:
   bool leadsBackHere(const Port* port) const;
+  // Writes the refusal line when `port` leads back here.
+  bool refuseLoop(const Port* port) const;
   void invalidateReaders();
 
   const Port* m_connection;  // not owned; null while unconnected

@@ -17,10 +17,29 @@
 // pulls stale operators upstream before computing this one if it is invalidated. Both follow
 // the process-wide Repercussion switch.
 //
+// Deep chains: invalidation (and so destruction, which invalidates the readers) uses bounded
+// stack whatever the length of a chain; past 1000 nested invalidations the code an override of
+// setToInvalidated runs after calling the base runs before, not after, the readers behind it are
+// invalidated. update() recurses once per stale operator upstream and refuses, with
+// std::ios_base::failure and nothing changed, when the thread's stack runs low (256 KiB left,
+// or a quarter of a small stack); updating an operator part of the way up first, then the rest,
+// works. On a stack vorn cannot locate (a fiber's), nothing is refused.
+//
+// Re-entrancy: observers and computations may update, invalidate, rewire, or destroy other
+// operators. An update whose operator is destroyed under it throws std::ios_base::failure; an
+// operator validates only if its inputs are still up to date when its computation ends. An
+// exception from onInvalidated is rethrown once the invalidation has finished (it cannot stop
+// halfway), and dropped when the invalidation comes from a destructor.
+//
 // Ownership: the operator owns its ports and parameters and deletes them when destroyed; its
 // parent (a composite pipeline) and observers are plain back-pointers. Destroying an operator
 // disconnects every reader of its outputs (they end unconnected and invalidated) and clears
 // the generator of output data still held elsewhere. Not thread-safe.
+//
+// Sources: src/core/ProcessObject.cpp holds construction, ports, observers, invalidation (the
+// walk BasePipeline shares too) and parameters; src/core/ProcessObjectUpdate.cpp the update engine
+// (update, the cycle check, updateWithNoRepercussion, updateOutputData);
+// src/roi/ProcessObjectRegions.cpp the regions of interest.
 #pragma once
 
 #include <set>
@@ -53,9 +72,11 @@ class VORN_API ProcessObject : public Object {
 
   // With repercussion on: brings each input's data up to date in index order (pulling stale
   // operators upstream), then, if this operator is invalidated, settles its output regions and
-  // computes it (updateOutputData), and finally validates it. With repercussion off:
+  // computes it (updateOutputData), and finally validates it, unless an input went stale or
+  // lost its data meanwhile (then it stays invalidated). With repercussion off:
   // updateWithNoRepercussion(). Failures throw std::ios_base::failure; the operator then stays
-  // invalidated. An up-to-date operator costs a walk over its own inputs only.
+  // invalidated. An up-to-date operator costs a walk over its own inputs only. Refused too
+  // deep in a chain and when the operator is destroyed under it (see the top of this file).
   void update() override;
   virtual bool isComposite();
   // Settles each output's region just before a computation: its requested region, or else the
@@ -68,7 +89,8 @@ class VORN_API ProcessObject : public Object {
   virtual bool isInvalidated();
   // With repercussion on: sets the flag, fires onInvalidated, then invalidates, depth first,
   // each operator reading an output that is not already invalidated (composites by their own
-  // rules). With repercussion off: nothing.
+  // rules). With repercussion off: nothing. An exception from an observer or an override
+  // along the way is rethrown once the whole walk is done.
   virtual void setToInvalidated();
   // Clears the flag and fires onValidated, whatever the flag was.
   virtual void setToValidated();
@@ -84,6 +106,8 @@ class VORN_API ProcessObject : public Object {
 
   // Appends an input port of `dataType`. Invalidates nothing.
   void addInput(const std::string& dataType);
+  unsigned int getNumberOfInputPorts() const;
+  unsigned int getNumberOfOutputPorts() const;
   // The port at `index`, or null when there is none.
   PortProxy* getInputPort(unsigned int index);
   const PortProxy* getInputPort(unsigned int index) const;
@@ -97,7 +121,9 @@ class VORN_API ProcessObject : public Object {
   void disconnectAllOutputPorts();
   void disconnectAllPorts();
 
-  // Observers are notified in ascending address order; attaching twice keeps one entry.
+  // Observers are notified in ascending address order; attaching twice keeps one entry. An
+  // observer that throws ends the notification there, except for onInvalidated: the others
+  // still hear of it, then the first exception is rethrown.
   void attachObserver(IObserver* observer);
   void detachObserver(IObserver* observer);
   void fireOnDataHasBeenGenerated();
@@ -106,6 +132,12 @@ class VORN_API ProcessObject : public Object {
   void fireOnValidated();
   void fireOnParameterHasBeenChanged();
   void notifyDataHasBeenGenerated();
+
+  // Whether update() is running for this operator, further up the stack.
+  bool isUpdating() const;
+  // Whether invalidated operators upstream of this one lead back to it, so that pulling it
+  // would never end. Walks upstream with a list of its own, not by recursion.
+  bool isOnStaleCycle();
 
   // Recomputes this operator alone from the data its inputs hold; reads and changes no flag.
   // Throws std::ios_base::failure when an input has no data or nothing computed in it.
@@ -136,6 +168,7 @@ class VORN_API ProcessObject : public Object {
   bool setParameterValue(const std::string& idName, const std::string& value);
 
  protected:
+  // Invalidates the readers of `output` as setToInvalidated does for each output.
   void invalidateReadersOf(const Port* output);
 
   std::vector<PortProxy*> m_inputs;      // owning; entries nulled while being deleted
@@ -148,8 +181,7 @@ class VORN_API ProcessObject : public Object {
   std::set<IObserver*> m_observers;  // non-owning, ordered by address
 
  private:
-  friend class DataObject;  // its update() stops a pull that loops back to a busy operator
-  bool m_isUpdating;        // set while update() runs here, to stop a cycle instead of recursing
+  bool m_isUpdating;  // set while update() runs here, to stop a cycle instead of recursing
 };
 
 }  // namespace vorn

@@ -2,10 +2,7 @@
 
 #include <ios>
 #include <iostream>
-#include <set>
-#include <vector>
 
-#include "vorn/PortProxy.hpp"
 #include "vorn/ProcessObject.hpp"
 
 namespace vorn {
@@ -20,7 +17,7 @@ void DataObject::update() {
   if (m_generator == nullptr || !m_generator->isInvalidated()) return;
   // Pulling from an operator still busy updating is fine (an observer may update again from
   // inside an update) unless stale operators lead back to it: that pull would never end.
-  if (m_generator->m_isUpdating && isOnStaleCycle(m_generator)) {
+  if (m_generator->isUpdating() && m_generator->isOnStaleCycle()) {
     throw std::ios_base::failure("vorn::ProcessObject::update()\nThe operator " +
                                  m_generator->getName() +
                                  " depends on its own output : processings cannot be performed\n");
@@ -30,23 +27,6 @@ void DataObject::update() {
 
 void DataObject::print() const {
   std::cout << "\n  Generator = " << static_cast<const void*>(m_generator) << std::endl;
-}
-
-bool DataObject::isOnStaleCycle(ProcessObject* op) {
-  std::vector<ProcessObject*> pending{op};
-  std::set<ProcessObject*> seen;
-  while (!pending.empty()) {
-    ProcessObject* const current = pending.back();
-    pending.pop_back();
-    for (PortProxy* input : current->m_inputs) {
-      const boost::shared_ptr<DataObject> data = input ? input->getData() : nullptr;
-      ProcessObject* const upstream = data ? data->m_generator : nullptr;
-      if (upstream == nullptr || !upstream->isInvalidated()) continue;
-      if (upstream == op) return true;
-      if (seen.insert(upstream).second) pending.push_back(upstream);
-    }
-  }
-  return false;
 }
 
 bool DataObject::isUptodate() { return m_generator == nullptr || !m_generator->isInvalidated(); }

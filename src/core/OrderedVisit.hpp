@@ -18,5 +18,17 @@ void visitInOrder(const std::set<T*>& set, Visit visit) {
   }
 }
 
+// The same walk, ended early when `stop()` answers true after a visit: the set's owner was
+// destroyed by the visit, and the set with it.
+template <class T, class Visit, class Stop>
+void visitInOrder(const std::set<T*>& set, Visit visit, Stop stop) {
+  for (auto it = set.begin(); it != set.end();) {
+    T* const current = *it;
+    visit(current);
+    if (stop()) return;
+    it = set.upper_bound(current);
+  }
+}
+
 }  // namespace internal
 }  // namespace vorn

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "core/Reentrancy.hpp"
 #include "vorn/PortProxy.hpp"
 
 namespace vorn {
@@ -11,7 +12,15 @@ Port::Port(const std::string& dataType, ProcessObject* parent)
 
 Port::Port() : m_relatedDataType("Unspecified DataObject"), m_parent(nullptr) {}
 
-Port::~Port() { disconnectAttachedProxies(); }
+Port::~Port() {
+  // A destructor must not throw: an observer's exception from the invalidation of the readers
+  // is dropped (every reader is still disconnected first).
+  try {
+    disconnectAttachedProxies();
+  } catch (...) {
+  }
+  internal::Presence::leave(this);
+}
 
 void Port::print() const {
   std::cout << "Port : this= " << static_cast<const void*>(this) << std::endl;
@@ -35,12 +44,18 @@ void Port::registerAttachement(PortProxy* proxy) const { m_attachedProxies.inser
 void Port::unRegisterAttachement(PortProxy* proxy) const { m_attachedProxies.erase(proxy); }
 
 void Port::disconnectAttachedProxies() const {
+  // Observers of the readers may throw (the others are still disconnected, then the first
+  // exception rethrown) or destroy this port (its destructor finishes the job).
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
   while (!m_attachedProxies.empty()) {
     PortProxy* const last = *m_attachedProxies.rbegin();
-    last->disconnect();
+    failure.attempt([last] { last->disconnect(); });
+    if (present.gone()) break;
     // A reader registered by hand without being connected here would stay forever.
     m_attachedProxies.erase(last);
   }
+  failure.rethrow();
 }
 
 }  // namespace vorn

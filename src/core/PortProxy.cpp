@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "core/OrderedVisit.hpp"
+#include "core/Reentrancy.hpp"
 #include "vorn/ProcessObject.hpp"
 
 namespace vorn {
@@ -34,15 +35,26 @@ void PortProxy::connectTo(const Port* port) {
               << std::endl;
     return;
   }
-  if (leadsBackHere(port)) {
-    std::cout << "PortProxy::connectTo Connection impossible because it would close a loop of "
-                 "input ports"
-              << std::endl;
-    return;
+  if (refuseLoop(port)) return;
+  // The invalidation the disconnection causes may reach observers that throw (the connection
+  // is still made, then the exception rethrown), destroy either port (then it is not made) or
+  // rewire the ports on the way (then the loop check is owed again).
+  const internal::Presence present(this), target(port);
+  internal::FirstFailure failure;
+  failure.attempt([this] { disconnect(); });
+  if (!present.gone() && !target.gone() && !refuseLoop(port)) {
+    m_connection = port;
+    port->registerAttachement(this);
   }
-  disconnect();
-  m_connection = port;
-  port->registerAttachement(this);
+  failure.rethrow();
+}
+
+bool PortProxy::refuseLoop(const Port* port) const {
+  if (!leadsBackHere(port)) return false;
+  std::cout << "PortProxy::connectTo Connection impossible because it would close a loop of "
+               "input ports"
+            << std::endl;
+  return true;
 }
 
 // A chain of input ports that comes back to this one would make getData() recurse forever.
@@ -54,11 +66,16 @@ bool PortProxy::leadsBackHere(const Port* port) const {
 }
 
 void PortProxy::disconnect() {
-  invalidateReaders();
-  if (m_connection != nullptr) {
+  // The connection is left even when an observer throws; a port destroyed meanwhile left it in
+  // its destructor.
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  failure.attempt([this] { invalidateReaders(); });
+  if (!present.gone() && m_connection != nullptr) {
     m_connection->unRegisterAttachement(this);
     m_connection = nullptr;
   }
+  failure.rethrow();
 }
 
 void PortProxy::invalidateReaders() {
@@ -68,9 +85,17 @@ void PortProxy::invalidateReaders() {
     m_parent->setToInvalidated();
     return;
   }
-  internal::visitInOrder(m_attachedProxies, [](PortProxy* reader) {
-    if (ProcessObject* op = reader->getParent()) op->setToInvalidated();
-  });
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  internal::visitInOrder(
+      m_attachedProxies,
+      [&failure](PortProxy* reader) {
+        if (ProcessObject* op = reader->getParent()) {
+          failure.attempt([op] { op->setToInvalidated(); });
+        }
+      },
+      [&present] { return present.gone(); });
+  failure.rethrow();
 }
 
 bool PortProxy::isConnectedTo(const Port* port) const { return m_connection == port; }

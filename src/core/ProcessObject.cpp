@@ -1,8 +1,14 @@
 #include "vorn/ProcessObject.hpp"
 
 #include <iostream>
+#include <set>
+#include <unordered_map>
+#include <vector>
 
+#include "core/InvalidationWalk.hpp"
 #include "core/OrderedVisit.hpp"
+#include "core/Reentrancy.hpp"
+#include "core/StackDepth.hpp"
 #include "vorn/DataObject.hpp"
 #include "vorn/DataObjectFactory.hpp"
 #include "vorn/IObserver.hpp"
@@ -37,6 +43,9 @@ ProcessObject::~ProcessObject() {
     delete port;
   }
   for (Parameter* parameter : m_parameters) delete parameter;
+  // Frames further up the stack that still work on this operator stop when they resume.
+  internal::forgetWalksOf(this);
+  internal::Presence::leave(this);
 }
 
 bool ProcessObject::isComposite() { return false; }
@@ -63,6 +72,14 @@ void ProcessObject::addOutput(const std::string& dataType) {
   m_outputs.push_back(port);
 }
 
+unsigned int ProcessObject::getNumberOfInputPorts() const {
+  return static_cast<unsigned int>(m_inputs.size());
+}
+
+unsigned int ProcessObject::getNumberOfOutputPorts() const {
+  return static_cast<unsigned int>(m_outputs.size());
+}
+
 PortProxy* ProcessObject::getInputPort(unsigned int index) {
   return index < m_inputs.size() ? m_inputs[index] : nullptr;
 }
@@ -84,22 +101,39 @@ void ProcessObject::setInputPort(unsigned int index, const Port* port) {
     std::cout << "ProcessObject::setInputPort no input port at index " << index << std::endl;
     return;
   }
-  m_inputs[index]->connectTo(port);
-  setToInvalidated();
+  // Observers reached by the connection may throw or destroy this operator: the invalidation
+  // is still owed, unless there is nobody left to invalidate.
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  failure.attempt([&] { m_inputs[index]->connectTo(port); });
+  if (!present.gone()) failure.attempt([this] { setToInvalidated(); });
+  failure.rethrow();
 }
 
-// Index loops here and below: observers notified along the way may add ports.
+// Index loops here and below: observers notified along the way may add ports. They may also
+// throw (every port is still disconnected, then the first exception rethrown) or destroy this
+// operator (whose destructor finishes the job).
 void ProcessObject::disconnectAllInputPorts() {
-  for (std::size_t i = 0; i < m_inputs.size(); ++i) {
-    if (m_inputs[i] != nullptr) m_inputs[i]->disconnect();
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  for (std::size_t i = 0; !present.gone() && i < m_inputs.size(); ++i) {
+    if (PortProxy* input = m_inputs[i]) failure.attempt([input] { input->disconnect(); });
   }
+  failure.rethrow();
 }
 
 void ProcessObject::disconnectAllOutputPorts() {
-  for (std::size_t i = 0; i < m_outputs.size(); ++i) {
-    if (PortProxy* proxy = dynamic_cast<PortProxy*>(m_outputs[i])) proxy->disconnect();
-    if (m_outputs[i] != nullptr) m_outputs[i]->disconnectAttachedProxies();
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  for (std::size_t i = 0; !present.gone() && i < m_outputs.size(); ++i) {
+    if (PortProxy* proxy = dynamic_cast<PortProxy*>(m_outputs[i])) {
+      failure.attempt([proxy] { proxy->disconnect(); });
+    }
+    if (present.gone() || i >= m_outputs.size() || m_outputs[i] == nullptr) continue;
+    const Port* const output = m_outputs[i];
+    failure.attempt([output] { output->disconnectAttachedProxies(); });
   }
+  failure.rethrow();
 }
 
 void ProcessObject::disconnectAllPorts() {
@@ -113,24 +147,41 @@ void ProcessObject::attachObserver(IObserver* observer) { m_observers.insert(obs
 
 void ProcessObject::detachObserver(IObserver* observer) { m_observers.erase(observer); }
 
+namespace {
+
+// Notifies each observer of `op` in address order; stops if an observer destroys `op`.
+template <class Notify>
+void notifyObservers(const ProcessObject* op, const std::set<IObserver*>& observers,
+                     Notify notify) {
+  const internal::Presence present(op);
+  internal::visitInOrder(observers, notify, [&present] { return present.gone(); });
+}
+
+}  // namespace
+
 void ProcessObject::fireOnDataHasBeenGenerated() {
-  internal::visitInOrder(m_observers, [this](IObserver* o) { o->onDataHasBeenGenerated(this); });
+  notifyObservers(this, m_observers, [this](IObserver* o) { o->onDataHasBeenGenerated(this); });
 }
 
 void ProcessObject::fireOnStartComputingData() {
-  internal::visitInOrder(m_observers, [this](IObserver* o) { o->onStartComputingData(this); });
+  notifyObservers(this, m_observers, [this](IObserver* o) { o->onStartComputingData(this); });
 }
 
+// An invalidation has happened whatever an observer does: all of them hear of it.
 void ProcessObject::fireOnInvalidated() {
-  internal::visitInOrder(m_observers, [this](IObserver* o) { o->onInvalidated(this); });
+  internal::FirstFailure failure;
+  notifyObservers(this, m_observers, [this, &failure](IObserver* o) {
+    failure.attempt([this, o] { o->onInvalidated(this); });
+  });
+  failure.rethrow();
 }
 
 void ProcessObject::fireOnValidated() {
-  internal::visitInOrder(m_observers, [this](IObserver* o) { o->onValidated(this); });
+  notifyObservers(this, m_observers, [this](IObserver* o) { o->onValidated(this); });
 }
 
 void ProcessObject::fireOnParameterHasBeenChanged() {
-  internal::visitInOrder(m_observers, [this](IObserver* o) { o->onParameterHasBeenChanged(this); });
+  notifyObservers(this, m_observers, [this](IObserver* o) { o->onParameterHasBeenChanged(this); });
 }
 
 void ProcessObject::notifyDataHasBeenGenerated() { fireOnDataHasBeenGenerated(); }
@@ -146,30 +197,221 @@ void ProcessObject::setToValidated() {
 
 void ProcessObject::setToInvalidated() {
   if (!Repercussion::isEnable()) return;
+  internal::InvalidationScope scope(this);
   m_invalidated = true;
-  fireOnInvalidated();
-  for (std::size_t i = 0; i < m_outputs.size(); ++i) {
-    if (m_outputs[i] != nullptr) invalidateReadersOf(m_outputs[i]);
-  }
+  scope.attempt([this] { fireOnInvalidated(); });
+  scope.walkReaders(internal::Readers::OfOutputs);
 }
 
 void ProcessObject::invalidateReadersOf(const Port* output) {
-  internal::visitInOrder(output->getAttachedProxies(), [this](PortProxy* reader) {
-    ProcessObject* const op = reader->getParent();
-    if (op == nullptr) return;
-    if (op->isComposite()) {
+  internal::invalidateReadersOfPort(this, output);
+}
+
+// ---- the invalidation walk (see core/InvalidationWalk.hpp) ----
+
+namespace internal {
+namespace {
+
+// Nested invalidations that recurse as they always did; deeper ones queue their steps.
+constexpr std::size_t kDirectDepth = 1000;
+// Stack kept for the observers of an invalidation, below which it queues its steps too.
+constexpr std::size_t kInvalidationReserve = 64 * 1024;
+
+// A step of a walk: invalidating an operator (through its own setToInvalidated, or through
+// ProcessObject's for the pipeline an inner operator leaves through), or resuming an operator's
+// walk at a port, after a reader.
+struct WalkStep {
+  enum class Kind : unsigned char { Invalidate, InvalidateAsOperator, Resume };
+  Kind kind = Kind::Invalidate;
+  Readers readers = Readers::OfOutputs;
+  ProcessObject* op = nullptr;  // null: nothing to do (or the operator was destroyed)
+  std::size_t port = 0;
+  PortProxy* after = nullptr;
+};
+
+struct WalkState {
+  std::vector<WalkStep> queue;  // queued steps, the next one last
+  std::size_t depth = 0;        // invalidation scopes on this thread's stack
+  std::size_t marked = 0;       // operators ProcessObject::setToInvalidated has run for
+  // For each composite walking its inputs' readers, `marked` when each of its unfinished walks
+  // began, the innermost last.
+  std::unordered_map<const ProcessObject*, std::vector<std::size_t>> compositeWalks;
+  // The operator a walk is invalidating right now: its scope is a step of that walk, which runs
+  // what the scope queues, rather than an invalidation asked for on its own.
+  const ProcessObject* invoked = nullptr;
+};
+
+WalkState& state() {
+  static thread_local WalkState walks;
+  return walks;
+}
+
+// What the walk of `walker` does with the operator of `reader`.
+WalkStep stepFor(const ProcessObject* walker, Readers readers, PortProxy* reader) {
+  WalkStep step;
+  ProcessObject* const op = reader->getParent();
+  if (op == nullptr) return step;
+  if (op->isComposite()) {
+    if (readers == Readers::OfOutputs) {
       // Leaving our own pipeline through one of its outputs: mark the pipeline itself and go
       // on downstream of it, rather than back into the operators behind its inputs.
-      if (op == getParent()) {
-        op->ProcessObject::setToInvalidated();
-      } else {
-        op->setToInvalidated();
-      }
-    } else if (!op->isInvalidated()) {
-      op->setToInvalidated();
+      step.op = op;
+      if (op == walker->getParent()) step.kind = WalkStep::Kind::InvalidateAsOperator;
+    } else if (op != walker && op != walker->getParent()) {
+      step.op = op;
     }
-  });
+  } else if (!op->isInvalidated()) {
+    step.op = op;
+  }
+  return step;
 }
+
+void runStep(const WalkStep& step) {
+  if (step.kind == WalkStep::Kind::Resume) {
+    InvalidationScope scope(step.op, true);
+    scope.walkReaders(step.readers, step.port, step.after);
+    return;
+  }
+  state().invoked = step.op;
+  if (step.kind == WalkStep::Kind::InvalidateAsOperator) {
+    step.op->ProcessObject::setToInvalidated();
+  } else {
+    step.op->setToInvalidated();
+  }
+}
+
+// Runs the queued steps above `mark`, last queued first; each may queue more.
+void runQueue(std::size_t mark, FirstFailure& failure) {
+  std::vector<WalkStep>& queue = state().queue;
+  while (queue.size() > mark) {
+    const WalkStep step = queue.back();
+    queue.pop_back();
+    if (step.op != nullptr) failure.attempt([&step] { runStep(step); });
+    state().invoked = nullptr;
+  }
+}
+
+// A walk's step taken at once; what it queued runs before the walk goes on.
+void runNow(const WalkStep& step, FirstFailure& failure) {
+  const std::size_t mark = state().queue.size();
+  failure.attempt([&step] { runStep(step); });
+  state().invoked = nullptr;
+  runQueue(mark, failure);
+}
+
+// The first reader of `port` above `after` (from the first when `after` is null), or null.
+PortProxy* readerAfter(const Port* port, PortProxy* after) {
+  const std::set<PortProxy*>& readers = port->getAttachedProxies();
+  const auto next = after == nullptr ? readers.begin() : readers.upper_bound(after);
+  return next == readers.end() ? nullptr : *next;
+}
+
+std::size_t portCount(const ProcessObject* op, Readers readers) {
+  return readers == Readers::OfOutputs ? op->getNumberOfOutputPorts() : op->getNumberOfInputPorts();
+}
+
+const Port* walkedPort(const ProcessObject* op, Readers readers, std::size_t index) {
+  const auto i = static_cast<unsigned int>(index);
+  if (readers == Readers::OfOutputs) return op->getOutputPort(i);
+  return op->getInputPort(i);
+}
+
+}  // namespace
+
+InvalidationScope::InvalidationScope(ProcessObject* op, bool resumed)
+    : m_op(op),
+      m_presence(op),
+      m_mark(state().queue.size()),
+      m_resumed(resumed),
+      m_asked(false),
+      m_deferring(false) {
+  WalkState& walks = state();
+  m_asked = !resumed && walks.invoked != op;
+  if (walks.invoked == op) walks.invoked = nullptr;
+  ++walks.depth;
+  m_deferring = walks.depth > kDirectDepth || stackIsLow(kInvalidationReserve);
+}
+
+InvalidationScope::~InvalidationScope() { --state().depth; }
+
+void InvalidationScope::walkReaders(Readers readers, std::size_t port, PortProxy* after) {
+  const bool composite = readers == Readers::OfInputs;
+  if (!composite && !m_resumed) ++state().marked;
+  const bool walk = !composite || m_resumed || beginCompositeWalk();
+  if (walk && !walkFrom(readers, port, after) && composite) endCompositeWalk();
+  if (m_asked) runQueue(m_mark, m_failure);
+  m_failure.rethrow();
+}
+
+// Whether the walk goes on to its end here rather than queueing its rest.
+bool InvalidationScope::walkFrom(Readers readers, std::size_t port, PortProxy* after) {
+  // Port and reader are looked up again after every step: observers may add or remove either.
+  while (!m_presence.gone() && port < portCount(m_op, readers)) {
+    const Port* const walked = walkedPort(m_op, readers, port);
+    PortProxy* const reader = walked == nullptr ? nullptr : readerAfter(walked, after);
+    if (reader == nullptr) {
+      ++port;
+      after = nullptr;
+      continue;
+    }
+    after = reader;
+    WalkStep step;
+    m_failure.attempt([&] { step = stepFor(m_op, readers, reader); });
+    if (step.op == nullptr) continue;
+    if (m_deferring) {
+      std::vector<WalkStep>& queue = state().queue;
+      queue.push_back(WalkStep{WalkStep::Kind::Resume, readers, m_op, port, after});
+      queue.push_back(step);
+      return true;
+    }
+    runNow(step, m_failure);
+  }
+  return false;
+}
+
+// Composites invalidate composite readers whatever their state, so input ports wired across
+// pipelines can lead a composite's walk back to the composite. Walking it again makes progress
+// only if an operator was marked since its walk began; otherwise the walk would repeat itself
+// without end, and is not started.
+bool InvalidationScope::beginCompositeWalk() {
+  WalkState& walks = state();
+  std::vector<std::size_t>& starts = walks.compositeWalks[m_op];
+  if (!starts.empty() && starts.back() == walks.marked) return false;
+  starts.push_back(walks.marked);
+  return true;
+}
+
+void InvalidationScope::endCompositeWalk() {
+  if (m_presence.gone()) return;  // forgetWalksOf has dropped its entry
+  auto& walks = state().compositeWalks;
+  const auto entry = walks.find(m_op);
+  if (entry == walks.end()) return;
+  entry->second.pop_back();
+  if (entry->second.empty()) walks.erase(entry);
+}
+
+void invalidateReadersOfPort(ProcessObject* owner, const Port* output) {
+  const Presence ownerPresent(owner), portPresent(output);
+  FirstFailure failure;
+  for (PortProxy* reader = readerAfter(output, nullptr); reader != nullptr;
+       reader = readerAfter(output, reader)) {
+    WalkStep step;
+    failure.attempt([&] { step = stepFor(owner, Readers::OfOutputs, reader); });
+    if (step.op != nullptr) runNow(step, failure);
+    if (ownerPresent.gone() || portPresent.gone()) break;
+  }
+  failure.rethrow();
+}
+
+void forgetWalksOf(const ProcessObject* op) {
+  WalkState& walks = state();
+  for (WalkStep& step : walks.queue) {
+    if (step.op == op) step.op = nullptr;
+  }
+  walks.compositeWalks.erase(op);
+}
+
+}  // namespace internal
 
 // ---- parameters ----
 

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <iostream>
 
+#include "core/InvalidationWalk.hpp"
 #include "core/OrderedVisit.hpp"
+#include "core/Reentrancy.hpp"
 #include "vorn/DataObject.hpp"
 #include "vorn/PortProxy.hpp"
 #include "vorn/Repercussion.hpp"
@@ -24,6 +26,7 @@ BasePipeline::~BasePipeline() {
 }
 
 void BasePipeline::update() {
+  const internal::Presence present(this);
   for (std::size_t i = 0; i < m_outputs.size(); ++i) {
     const boost::shared_ptr<DataObject> data = m_outputs[i]->getData();
     if (!data) {
@@ -32,6 +35,7 @@ void BasePipeline::update() {
       continue;
     }
     data->update();
+    if (present.gone()) internal::throwDestroyedDuringUpdate();
   }
   m_invalidated = false;
 }
@@ -56,18 +60,8 @@ bool BasePipeline::isInvalidated() {
 
 void BasePipeline::setToInvalidated() {
   if (!Repercussion::isEnable()) return;
-  for (std::size_t i = 0; i < m_inputs.size(); ++i) {
-    if (m_inputs[i] == nullptr) continue;
-    internal::visitInOrder(m_inputs[i]->getAttachedProxies(), [this](PortProxy* reader) {
-      ProcessObject* const op = reader->getParent();
-      if (op == nullptr) return;
-      if (op->isComposite()) {
-        if (op != this && op != m_parent) op->setToInvalidated();
-      } else if (!op->isInvalidated()) {
-        op->setToInvalidated();
-      }
-    });
-  }
+  internal::InvalidationScope scope(this);
+  scope.walkReaders(internal::Readers::OfInputs);
 }
 
 void BasePipeline::addOutput(const std::string& dataType) {
@@ -77,8 +71,11 @@ void BasePipeline::addOutput(const std::string& dataType) {
 void BasePipeline::generateData() {}
 
 void BasePipeline::setInputPort(unsigned int index, const Port* port) {
-  ProcessObject::setInputPort(index, port);
-  if (index < m_inputs.size()) setToInvalidated();
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  failure.attempt([&] { ProcessObject::setInputPort(index, port); });
+  if (!present.gone() && index < m_inputs.size()) failure.attempt([this] { setToInvalidated(); });
+  failure.rethrow();
 }
 
 // ---- inner operators ----
@@ -107,8 +104,11 @@ void BasePipeline::registerOperator(boost::shared_ptr<ProcessObject> op) {
   m_operators.push_back(op);
   std::cout << "In VORN::BasePipeline : ROI set to new operator " << op->getName() << std::endl;
   op->setParent(this);
-  assignResquestedROItoOperator(op.get());
-  m_invalidated = true;
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  failure.attempt([&] { assignResquestedROItoOperator(op.get()); });
+  if (!present.gone()) m_invalidated = true;
+  failure.rethrow();
 }
 
 void BasePipeline::unRegisterOperator(boost::shared_ptr<ProcessObject> op) {
@@ -171,22 +171,38 @@ void BasePipeline::setRequestedRegionOfInterest(boost::shared_ptr<RoiObject cons
   manageResquestedROIassignation();
 }
 
+// Requesting a region invalidates: observers may throw (every operator still gets the region,
+// then the first exception is rethrown) or destroy operators, ports or this pipeline.
 void BasePipeline::manageResquestedROIassignation() {
-  for (std::size_t i = 0; i < m_inputs.size(); ++i) {
+  const internal::Presence present(this);
+  internal::FirstFailure failure;
+  for (std::size_t i = 0; !present.gone() && i < m_inputs.size(); ++i) {
     if (m_inputs[i] == nullptr) continue;
-    internal::visitInOrder(m_inputs[i]->getAttachedProxies(), [this](PortProxy* reader) {
-      ProcessObject* const op = reader->getParent();
-      if (op != nullptr && op != this) assignResquestedROItoOperator(op);
-    });
+    const internal::Presence inputPresent(m_inputs[i]);
+    internal::visitInOrder(
+        m_inputs[i]->getAttachedProxies(),
+        [this, &failure](PortProxy* reader) {
+          ProcessObject* const op = reader->getParent();
+          if (op != nullptr && op != this) {
+            failure.attempt([this, op] { assignResquestedROItoOperator(op); });
+          }
+        },
+        [&inputPresent] { return inputPresent.gone(); });
   }
-  for (std::size_t i = 0; i < m_operators.size(); ++i) {
-    if (m_operators[i]->getInputPort(0) == nullptr)
-      assignResquestedROItoOperator(m_operators[i].get());
+  for (std::size_t i = 0; !present.gone() && i < m_operators.size(); ++i) {
+    const boost::shared_ptr<ProcessObject> op = m_operators[i];  // kept alive while handed one
+    if (op->getInputPort(0) == nullptr) {
+      failure.attempt([this, &op] { assignResquestedROItoOperator(op.get()); });
+    }
   }
+  failure.rethrow();
 }
 
 void BasePipeline::assignResquestedROItoOperator(ProcessObject* op) {
-  for (unsigned int i = 0; op->getOutputPort(i) != nullptr; ++i) {
+  const internal::Presence present(this), opPresent(op);
+  internal::FirstFailure failure;
+  for (unsigned int i = 0; !present.gone() && !opPresent.gone() && op->getOutputPort(i) != nullptr;
+       ++i) {
     const boost::shared_ptr<DataObject> data = op->getOutputPort(i)->getData();
     // An output that leads to no data yet (a nested pipeline not wired up) has nothing to hold
     // a request.
@@ -194,8 +210,10 @@ void BasePipeline::assignResquestedROItoOperator(ProcessObject* op) {
     std::cout << "BasePipeline::assignRequestedROI to outport " << i << " of Operator "
               << op->getName() << "( considered as an input operator of the pipeline " << getName()
               << " )" << std::endl;
-    op->setRequestedRegionOfInterest(i, m_requestedROI);
+    const boost::shared_ptr<RoiObject const> roi = m_requestedROI;
+    failure.attempt([op, i, &roi] { op->setRequestedRegionOfInterest(i, roi); });
   }
+  failure.rethrow();
 }
 
 }  // namespace vorn

@@ -106,6 +106,26 @@ TEST_F(ProcessObjectTest, Invalidation) {
   EXPECT_TRUE(log.empty());
 }
 
+// Tests the walk a derived operator may run over the readers of one of its outputs: those not
+// already invalidated, not the operator itself nor its other outputs' readers.
+TEST_F(ProcessObjectTest, InvalidatingTheReadersOfOneOutput) {
+  struct TwoOutputs : LoggingOperator {
+    using LoggingOperator::invalidateReadersOf;
+    using LoggingOperator::LoggingOperator;
+  };
+  TwoOutputs op("op", &log, 0, 2);
+  LoggingOperator b("B", &log), c("C", &log), d("D", &log), other("E", &log);
+  connect(op, b);
+  connect(op, c);
+  connect(b, d);
+  connect(op, other, 0, 1);
+  watch({&op, &b, &d, &other});
+  op.invalidateReadersOf(op.getOutputPort(0));
+  EXPECT_EQ((EventLog{"invalidated:B", "invalidated:D"}), log);
+  EXPECT_FALSE(op.isInvalidated());
+  EXPECT_FALSE(other.isInvalidated());
+}
+
 // Tests one entry per observer, and an observer that detaches itself and the other during a
 // notification: the other, at a higher address, is then not notified.
 TEST_F(ProcessObjectTest, DetachingDuringANotification) {

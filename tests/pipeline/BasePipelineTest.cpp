@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <utility>
 
 #include "CoutCapture.hpp"
 #include "TestOperators.hpp"
@@ -154,6 +155,58 @@ TEST(BasePipeline, NestedPipelines) {
     EXPECT_EQ(2, reader.computations);
   }
   EXPECT_EQ(0u, source.getOutputPort(0)->getNumberOfUse());
+}
+
+// Tests pipelines whose input ports read each other's (wiring the API accepts). When a
+// pipeline's walk leads back to itself without marking any operator, it would repeat without end
+// and stops; when it marked one on the way, it runs again, nested, as it always did.
+TEST(BasePipeline, WalksLeadingBackToTheirPipeline) {
+  CoutCapture out;
+  EventLog log;
+  RecordingObserver observer(&log);
+  BasePipeline a, b;
+  OpPtr x(new LoggingOperator("X", &log));
+  b.registerOperator(x);
+  for (BasePipeline* pipeline : {&a, &b}) {
+    pipeline->addInput("ImageObject");
+    pipeline->addInput("ImageObject");
+  }
+  b.getInputPort(0)->connectTo(a.getInputPort(0));
+  a.getInputPort(1)->connectTo(b.getInputPort(1));
+  x->setInputPort(0, b.getInputPort(1));
+  x->setToValidated();
+  a.setToInvalidated();
+  EXPECT_TRUE(x->isInvalidated());
+
+  // Q { first, second } reads R's input, which reads first's output; R { z } reads it too.
+  BasePipeline q, r;
+  q.addInput("ImageObject");
+  OpPtr first(new LoggingOperator("", &log)), second(new LoggingOperator("", &log)),
+      z(new LoggingOperator("Z", &log));
+  for (const OpPtr& op : {first, second}) {
+    q.registerOperator(op);
+    op->setInputPort(0, q.getInputPort(0));
+  }
+  if (second->getInputPort(0) < first->getInputPort(0)) std::swap(first, second);
+  first->setName("first");
+  second->setName("second");
+  r.addInput("ImageObject");
+  r.registerOperator(z);
+  z->setInputPort(0, r.getInputPort(0));
+  r.setInputPort(0, first->getOutputPort(0));
+  q.setInputPort(0, r.getInputPort(0));
+  for (const OpPtr& op : {first, second, z}) {
+    op->setToValidated();
+    op->attachObserver(&observer);
+  }
+  log.clear();
+  q.setToInvalidated();
+  // Q's walk goes first -> R -> Q again, which (first being marked) walks on to second at once
+  // if R reaches Q's input before z's.
+  const bool qFirst = q.getInputPort(0) < z->getInputPort(0);
+  const EventLog nested{"invalidated:first", "invalidated:second", "invalidated:Z"};
+  const EventLog after{"invalidated:first", "invalidated:Z", "invalidated:second"};
+  EXPECT_EQ(qFirst ? nested : after, log);
 }
 
 // Tests destroying the pipeline first: operators it alone owns go last registered first, each

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vorn/IObserver.hpp"
@@ -66,3 +67,19 @@ inline void allocateOutput(vorn::ProcessObject& op, unsigned output = 0) {
   boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(output)->getData())
       ->Allocate(vorn::PixelType::UCHAR, box);
 }
+
+// Calls `hook` with the event's name, as RecordingObserver writes it ("generated", "start",
+// "invalidated", "validated", "parameter"), and the notifying operator.
+class HookObserver : public vorn::IObserver {
+ public:
+  using Hook = std::function<void(const std::string& event, vorn::ProcessObject* op)>;
+  explicit HookObserver(Hook hook) : m_hook(std::move(hook)) {}
+  void onDataHasBeenGenerated(vorn::ProcessObject* op) override { m_hook("generated", op); }
+  void onStartComputingData(vorn::ProcessObject* op) override { m_hook("start", op); }
+  void onInvalidated(vorn::ProcessObject* op) override { m_hook("invalidated", op); }
+  void onValidated(vorn::ProcessObject* op) override { m_hook("validated", op); }
+  void onParameterHasBeenChanged(vorn::ProcessObject* op) override { m_hook("parameter", op); }
+
+ private:
+  Hook m_hook;
+};
