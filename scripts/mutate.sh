@@ -52,7 +52,8 @@ while IFS= read -r line; do
       -E 'clang_format' > "$work/ctest.log" 2>&1; then
     result="SURVIVED"; survived=$((survived + 1)); survivors+=("$number: $what")
   else
-    result="killed by $(grep -m1 -oE '\*\*\*[A-Za-z]+|[0-9]+ - [^ ]+' "$work/ctest.log" | head -1 || true)"
+    result="killed by $(grep -m1 -E '\*\*\*(Failed|Exception|Timeout)' "$work/ctest.log" |
+      sed -E 's/.*Test +#[0-9]+: ([^ ]+).*/\1/' || true)"
     killed=$((killed + 1))
   fi
   printf '%3d  %-60s %s\n' "$number" "${what:0:60}" "$result"
