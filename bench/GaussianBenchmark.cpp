@@ -6,8 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -16,6 +14,7 @@
 #include <vorn/PortProxy.hpp>
 #include <vorn/ProcessObject.hpp>
 #include <vorn/operators/GaussianSmoothing.hpp>
+#include "CoutDiscard.hpp"
 
 namespace {
 
@@ -44,22 +43,6 @@ class VolumeSource : public vorn::ProcessObject {
   }
 };
 
-// Keeps the engine's lines (computation, destruction) out of the benchmark's report.
-class SilentCout {
- public:
-  SilentCout() : m_previous(std::cout.rdbuf(&m_discard)) {}
-  ~SilentCout() { std::cout.rdbuf(m_previous); }
-  SilentCout(const SilentCout&) = delete;
-  SilentCout& operator=(const SilentCout&) = delete;
-
- private:
-  struct Discard : std::streambuf {
-    int overflow(int c) override { return traits_type::not_eof(c); }
-  };
-  Discard m_discard;
-  std::streambuf* m_previous;
-};
-
 long radiusOf(double sigma) { return static_cast<long>(4 * sigma + 0.5); }
 
 void setCounters(benchmark::State& state, long pixels, long radius) {
@@ -72,7 +55,7 @@ void setCounters(benchmark::State& state, long pixels, long radius) {
 // generateData() is called directly: update() would add the engine's printed timing line.
 void runGaussian(benchmark::State& state, const boost::shared_ptr<vorn::RoiObject const>& roi,
                  long pixels) {
-  const SilentCout silent;
+  const CoutDiscard silent;  // the engine's lines stay out of the report
   VolumeSource source;
   source.update();
   vorn::GaussianSmoothing smooth;

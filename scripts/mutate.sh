@@ -27,8 +27,8 @@ cmake --build "$work/build" -j "$jobs" > "$work/build.log"
 apply() {
   python3 - "$work/tree" "$1" "$2" <<'PY'
 import sys
-tree, spec, mode = sys.argv[1], sys.argv[2], sys.argv[3]
-path, text, replacement = spec.split("|")[:3]
+tree, mutant, mode = sys.argv[1], sys.argv[2], sys.argv[3]
+path, text, replacement = mutant.split("|")[:3]
 path = tree + "/" + path
 source = open(path).read()
 old, new = (text, replacement) if mode == "apply" else (replacement, text)
