@@ -10,8 +10,9 @@
 // The one difference, only that deep: the code a setToInvalidated override runs after calling the
 // base runs before the readers behind it are invalidated rather than after.
 //
-// A composite walking the readers of its inputs again, with no operator marked since it began
-// (pipelines whose inputs read each other's), would do so without end: that walk is not started.
+// A composite walking the readers of its inputs again, with no non-composite operator marked
+// since it began (pipelines whose inputs read each other's, pass-through pipelines), would do so
+// without end: that walk is not started.
 //
 // An invalidation cannot stop halfway (the flags downstream would lie): an exception from an
 // observer or an override is kept, the walk goes on, and the first one is rethrown when the

@@ -232,7 +232,7 @@ struct WalkStep {
 struct WalkState {
   std::vector<WalkStep> queue;  // queued steps, the next one last
   std::size_t depth = 0;        // invalidation scopes on this thread's stack
-  std::size_t marked = 0;       // operators ProcessObject::setToInvalidated has run for
+  std::size_t marked = 0;       // non-composite operators ProcessObject::setToInvalidated ran for
   // For each composite walking its inputs' readers, `marked` when each of its unfinished walks
   // began, the innermost last.
   std::unordered_map<const ProcessObject*, std::vector<std::size_t>> compositeWalks;
@@ -244,6 +244,13 @@ struct WalkState {
 WalkState& state() {
   static thread_local WalkState walks;
   return walks;
+}
+
+bool isOutputOf(const ProcessObject* op, const Port* port) {
+  for (unsigned int i = 0; i < op->getNumberOfOutputPorts(); ++i) {
+    if (op->getOutputPort(i) == port) return true;
+  }
+  return false;
 }
 
 // What the walk of `walker` does with the operator of `reader`.
@@ -259,6 +266,11 @@ WalkStep stepFor(const ProcessObject* walker, Readers readers, PortProxy* reader
       if (op == walker->getParent()) step.kind = WalkStep::Kind::InvalidateAsOperator;
     } else if (op != walker && op != walker->getParent()) {
       step.op = op;
+    } else if (op == walker && isOutputOf(op, reader)) {
+      // A pipeline whose output reads its own input: the input's change leaves the pipeline
+      // there, as an inner operator's change does.
+      step.op = op;
+      step.kind = WalkStep::Kind::InvalidateAsOperator;
     }
   } else if (!op->isInvalidated()) {
     step.op = op;
@@ -336,7 +348,7 @@ InvalidationScope::~InvalidationScope() { --state().depth; }
 
 void InvalidationScope::walkReaders(Readers readers, std::size_t port, PortProxy* after) {
   const bool composite = readers == Readers::OfInputs;
-  if (!composite && !m_resumed) ++state().marked;
+  if (!composite && !m_resumed && !m_presence.gone() && !m_op->isComposite()) ++state().marked;
   const bool walk = !composite || m_resumed || beginCompositeWalk();
   if (walk && !walkFrom(readers, port, after) && composite) endCompositeWalk();
   if (m_asked) runQueue(m_mark, m_failure);
@@ -370,9 +382,10 @@ bool InvalidationScope::walkFrom(Readers readers, std::size_t port, PortProxy* a
 }
 
 // Composites invalidate composite readers whatever their state, so input ports wired across
-// pipelines can lead a composite's walk back to the composite. Walking it again makes progress
-// only if an operator was marked since its walk began; otherwise the walk would repeat itself
-// without end, and is not started.
+// pipelines, or pipelines passing an input straight to an output, can lead a composite's walk
+// back to the composite. Walking it again makes progress only if a non-composite operator was
+// marked since its walk began (there are finitely many; a pipeline can be marked as an operator
+// again and again); otherwise the walk would repeat itself without end, and is not started.
 bool InvalidationScope::beginCompositeWalk() {
   WalkState& walks = state();
   std::vector<std::size_t>& starts = walks.compositeWalks[m_op];

@@ -66,13 +66,10 @@ TEST(StressTest, WildGraphsKeepTheStructuralInvariants) {
   expectRealWork(tally);
 }
 
-// ---- findings the stress test ran into, kept as reproducers until the engine is fixed ----
-// Run them with --gtest_also_run_disabled_tests; remove DISABLED_ and the matching skip in
-// GraphOperations.hpp once fixed.
+// ---- findings the stress test ran into, kept as reproducers ----
 
 // Two pipelines whose inputs read each other's: invalidating one walked into the other and back
-// without end (a stack overflow in BasePipeline::setToInvalidated). Fixed; the harness still
-// skips such wiring in its random steps.
+// without end (a stack overflow in BasePipeline::setToInvalidated).
 TEST(StressFindings, PipelinesReadingEachOthersInputs) {
   CoutDiscard silence;
   vorn::BasePipeline a, b;
@@ -91,7 +88,7 @@ TEST(StressFindings, PipelinesReadingEachOthersInputs) {
 
 // A pass-through pipeline (its output reads its own input): a change upstream must invalidate
 // what reads the pipeline's output, so that updating it recomputes it.
-TEST(StressFindings, DISABLED_PassThroughPipelinePassesInvalidationOn) {
+TEST(StressFindings, PassThroughPipelinePassesInvalidationOn) {
   CoutDiscard silence;
   graphops::StressOperator source("source", 0, 1), reader("reader", 1, 0);
   vorn::BasePipeline pipeline;

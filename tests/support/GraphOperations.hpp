@@ -178,11 +178,6 @@ class World {
   ~World() {
     m_held.clear();
     for (std::size_t i = m_nodes.size(); i-- > 0;) {
-      // Destroying a pipeline orphans its operators, which can close a loop the engine cannot
-      // take (see closesPipelineLoop); the wiring goes first then.
-      if (closesPipelineLoop(nullptr, nullptr, orphansIfDestroyed(static_cast<int>(i)))) {
-        disconnectEverything();
-      }
       m_nodes[i].held.reset();
       noteDeaths();
     }
@@ -410,7 +405,7 @@ class World {
     }
     const int scope = scopeOf(proxy, reader);
     for (const auto& entry : ports) {
-      if (!m_wellFormed || isVisibleFrom(entry.second, scope, reader)) {
+      if (!m_wellFormed || isVisibleFrom(entry.second, scope)) {
         targets.push_back(entry.first);
       }
     }
@@ -419,11 +414,7 @@ class World {
   }
 
   // Outputs of the operators in `scope`, and the inputs of the scope's pipeline.
-  bool isVisibleFrom(const PortInfo& port, int scope, const PortInfo& reader) const {
-    // FINDING (reported, not fixed yet): a pipeline output that reads the pipeline's own input
-    // (a pass-through) stops invalidation, so what reads it stays validated on stale data
-    // (StressFindings test). Left out of well-formed worlds until the engine passes it on.
-    if (port.input && !reader.input && reader.node == scope) return false;
+  bool isVisibleFrom(const PortInfo& port, int scope) const {
     if (port.input) return port.node == scope;
     const auto op = lock(port.node);
     return nodeOf(op ? op->getParent() : nullptr) == scope;
@@ -518,9 +509,6 @@ class World {
   void drop() {
     const int node = pickNode();
     if (node < 0) return;
-    if (closesPipelineLoop(nullptr, nullptr, orphansIfDestroyed(node))) {
-      return record("drop skipped");
-    }
     record("drop " + m_nodes[static_cast<std::size_t>(node)].name);
     noteChange();
     m_nodes[static_cast<std::size_t>(node)].held.reset();
@@ -531,7 +519,6 @@ class World {
     if (all.empty()) return;
     vorn::PortProxy* proxy = all[m_chooser.below(static_cast<unsigned>(all.size()))];
     const vorn::Port* target = pickTarget(proxy);
-    if (closesPipelineLoop(proxy, target, {})) return record("connect skipped");
     record("connect a port of " + nameOf(proxy->getParent()) + " to " + describe(target));
     noteChange();
     proxy->connectTo(target);
@@ -549,7 +536,6 @@ class World {
     const unsigned index = m_chooser.below(static_cast<unsigned>(inputs.size()) + 1);
     auto* proxy = index < inputs.size() ? static_cast<vorn::PortProxy*>(inputs[index]) : nullptr;
     const vorn::Port* target = proxy != nullptr ? pickTarget(proxy) : nullptr;
-    if (closesPipelineLoop(proxy, target, {})) return record("setInputPort skipped");
     record("setInputPort " + std::to_string(index) + " of " + op->getName() + " to " +
            describe(target));
     noteChange();
@@ -662,12 +648,6 @@ class World {
     return false;
   }
 
-  void disconnectEverything() {
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      if (const auto op = lock(static_cast<int>(i))) op->disconnectAllPorts();
-    }
-  }
-
   // What a client does before moving an operator between scopes: cut its outside wiring.
   void cutOutsideWiring(vorn::ProcessObject& op) {
     op.disconnectAllInputPorts();
@@ -686,9 +666,6 @@ class World {
       return;
     }
     if (m_wellFormed && !refused) cutOutsideWiring(*op);
-    if (!refused && closesPipelineLoop(nullptr, nullptr, {{op.get(), pipeline}})) {
-      return record("register skipped");
-    }
     record("register " + op->getName() + " in " + pipeline->getName());
     noteChange();
     pipeline->registerOperator(op);
@@ -708,9 +685,6 @@ class World {
     const auto op = lock(node);
     if (!op) return;
     if (m_wellFormed) cutOutsideWiring(*op);
-    Parents orphans = orphansIfDestroyed(node);
-    orphans[op.get()] = nullptr;
-    if (closesPipelineLoop(nullptr, nullptr, orphans)) return record("unregister skipped");
     record("unregister " + op->getName() + " from " + pipeline->getName());
     noteChange();
     pipeline->unRegisterOperator(op);
@@ -821,80 +795,6 @@ class World {
     if (!op) return;
     record("print " + op->getName());
     op->print();
-  }
-
-  // ---- a loop the engine cannot take ----
-  //
-  // FINDING (reported, not fixed yet): BasePipeline::setToInvalidated goes into every pipeline
-  // that reads one of its inputs, with no guard against coming back, so two pipelines that read
-  // each other's inputs recurse until the stack overflows (StressFindings test). Steps that
-  // would close such a loop are skipped until the engine stops it.
-
-  using Edges = std::map<const vorn::ProcessObject*, std::vector<const vorn::ProcessObject*>>;
-  using Parents = std::map<const vorn::ProcessObject*, const vorn::ProcessObject*>;
-
-  // The operators that lose their parent if `node` is destroyed, at any depth (an operator
-  // registered twice loses it too): a pipeline's destructor unregisters each of its operators.
-  Parents orphansIfDestroyed(int node) const {
-    Parents orphans;
-    for (int member : m_nodes[static_cast<std::size_t>(node)].members) {
-      orphans[lock(member).get()] = nullptr;
-      const Parents deeper = orphansIfDestroyed(member);
-      orphans.insert(deeper.begin(), deeper.end());
-    }
-    return orphans;
-  }
-
-  // Where pipeline `from`'s invalidation goes on to pipeline `to` (the engine's own rule).
-  void addEdge(Edges& edges, const vorn::ProcessObject* from, const vorn::ProcessObject* to,
-               const vorn::ProcessObject* fromParent) const {
-    const int node = nodeOf(to);
-    if (node < 0 || to == from || to == fromParent) return;
-    if (m_nodes[static_cast<std::size_t>(node)].composite) edges[from].push_back(to);
-  }
-
-  // Whether, after `reader` reads `target` and the operators in `moved` get those parents,
-  // pipelines' invalidation would lead from one back to itself.
-  bool closesPipelineLoop(const vorn::PortProxy* reader, const vorn::Port* target,
-                          const Parents& moved) {
-    const auto parentOf = [&](const vorn::ProcessObject* op) {
-      const auto entry = moved.find(op);
-      return entry == moved.end() ? op->getParent() : entry->second;
-    };
-    Edges edges;
-    for (const auto& entry : orderedPorts()) {
-      const vorn::ProcessObject* owner = entry.first->getParent();
-      if (!entry.second.input || !m_nodes[static_cast<std::size_t>(entry.second.node)].composite)
-        continue;
-      for (const vorn::PortProxy* proxy : entry.first->getAttachedProxies()) {
-        if (proxy != reader) addEdge(edges, owner, proxy->getParent(), parentOf(owner));
-      }
-      if (target == entry.first && reader != nullptr) {
-        addEdge(edges, owner, reader->getParent(), parentOf(owner));
-      }
-    }
-    std::set<const vorn::ProcessObject*> done;
-    for (const auto& edge : edges) {
-      std::set<const vorn::ProcessObject*> path;
-      if (reachesLoop(edges, edge.first, path, done)) return true;
-    }
-    return false;
-  }
-
-  static bool reachesLoop(const Edges& edges, const vorn::ProcessObject* at,
-                          std::set<const vorn::ProcessObject*>& path,
-                          std::set<const vorn::ProcessObject*>& done) {
-    if (path.count(at) > 0) return true;
-    if (!done.insert(at).second) return false;
-    path.insert(at);
-    const auto next = edges.find(at);
-    if (next != edges.end()) {
-      for (const vorn::ProcessObject* to : next->second) {
-        if (reachesLoop(edges, to, path, done)) return true;
-      }
-    }
-    path.erase(at);
-    return false;
   }
 
   // ---- model upkeep ----
