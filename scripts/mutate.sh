@@ -5,9 +5,14 @@
 #
 #   bash scripts/mutate.sh                      # every mutant of scripts/mutants.txt
 #   bash scripts/mutate.sh scripts/mutants.txt 5 9   # only mutants 5 to 9
+#   VORN_MUTATE_EVERY_TEST=1 bash scripts/mutate.sh  # run every test on each mutant, and list
+#                                                    # in $work/kills.txt which tests kill it
+# VORN_MUTATE_TIMEOUT sets the seconds a test may take (default 120), VORN_MUTATE_SKIP a regular
+# expression of further tests to leave out.
 #
 # Mutant file: one mutant a line, "file|text|replacement|what it breaks", where `text` occurs
-# exactly once in `file`; blank lines and lines starting with # are skipped. Needs python3.
+# exactly once in `file` (a | inside a field is written \|); blank lines and lines starting with
+# # are skipped. Needs python3.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 mutants="${1:-$root/scripts/mutants.txt}"
@@ -18,26 +23,34 @@ jobs="$(nproc)"
 
 rm -rf "$work/tree" && mkdir -p "$work/tree"
 tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$work/tree" -xf -
+# Test programs are not relinked when only the libraries change: a mutant rebuilds one file.
 cmake -S "$work/tree" -B "$work/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DVORN_BUILD_BENCHMARKS=OFF -DVORN_INSTALL=OFF > "$work/configure.log"
+  -DVORN_BUILD_BENCHMARKS=OFF -DVORN_INSTALL=OFF -DCMAKE_LINK_DEPENDS_NO_SHARED=ON \
+  > "$work/configure.log"
 cmake --build "$work/build" -j "$jobs" > "$work/build.log"
 
-# Applies (or, with "restore", undoes) mutant $1's replacement in the copy; fails unless the
-# text occurs exactly once.
+# Plants mutant $1 in the copy and keeps the file as it was in $work/saved (its path in
+# $work/saved.path) for restore; fails unless the mutant's text occurs exactly once.
 apply() {
-  python3 - "$work/tree" "$1" "$2" <<'PY'
-import sys
-tree, mutant, mode = sys.argv[1], sys.argv[2], sys.argv[3]
-path, text, replacement = mutant.split("|")[:3]
-path = tree + "/" + path
+  python3 - "$work" "$1" <<'PY'
+import re, sys
+work, mutant = sys.argv[1], sys.argv[2]
+fields = [f.replace("\\|", "|") for f in re.split(r"(?<!\\)\|", mutant)]
+path, text, replacement = work + "/tree/" + fields[0], fields[1], fields[2]
 source = open(path).read()
-old, new = (text, replacement) if mode == "apply" else (replacement, text)
-if source.count(old) != 1:
-    sys.exit(f"{path}: the text occurs {source.count(old)} times: {old!r}")
-open(path, "w").write(source.replace(old, new))
+if source.count(text) != 1:
+    sys.exit(f"{path}: the text occurs {source.count(text)} times: {text!r}")
+open(work + "/saved", "w").write(source)
+open(work + "/saved.path", "w").write(path)
+open(path, "w").write(source.replace(text, replacement))
 PY
 }
 
+restore() { cp "$work/saved" "$(cat "$work/saved.path")"; }
+
+stop=(--stop-on-failure)
+[[ -n "${VORN_MUTATE_EVERY_TEST:-}" ]] && stop=()
+: > "$work/kills.txt"
 killed=0; survived=0; invalid=0; number=0
 survivors=()
 while IFS= read -r line; do
@@ -45,19 +58,22 @@ while IFS= read -r line; do
   number=$((number + 1))
   (( number < first || number > last )) && continue
   what="${line##*|}"
-  apply "$line" apply
+  apply "$line"
   if ! cmake --build "$work/build" -j "$jobs" > "$work/mutant.log" 2>&1; then
     result="does not compile"; invalid=$((invalid + 1))
-  elif ctest --test-dir "$work/build" -j "$jobs" --timeout 120 --stop-on-failure \
-      -E 'clang_format' > "$work/ctest.log" 2>&1; then
+  elif ctest --test-dir "$work/build" -j "$jobs" --timeout "${VORN_MUTATE_TIMEOUT:-120}" \
+      "${stop[@]}" -E "clang_format|consumer_find_package${VORN_MUTATE_SKIP:+|$VORN_MUTATE_SKIP}" \
+      > "$work/ctest.log" 2>&1; then
     result="SURVIVED"; survived=$((survived + 1)); survivors+=("$number: $what")
   else
     result="killed by $(grep -m1 -E '\*\*\*(Failed|Exception|Timeout)' "$work/ctest.log" |
       sed -E 's/.*Test +#[0-9]+: ([^ ]+).*/\1/' || true)"
     killed=$((killed + 1))
+    echo "$number $(grep -E '^[[:space:]]+[0-9]+ - ' "$work/ctest.log" | sed -E 's/^[[:space:]]+[0-9]+ - ([^ ]+).*/\1/' |
+      tr '\n' ' ')" >> "$work/kills.txt"
   fi
   printf '%3d  %-60s %s\n' "$number" "${what:0:60}" "$result"
-  apply "$line" restore
+  restore
 done < "$mutants"
 cmake --build "$work/build" -j "$jobs" > /dev/null 2>&1 || true
 
