@@ -33,6 +33,7 @@ TEST(Parameter, ConvertRanges) {
   EXPECT_THROW(vorn::Convert<char>("128"), boost::bad_lexical_cast);
   try {
     vorn::Convert<char>("-129");
+    ADD_FAILURE() << "-129 converted";
   } catch (const boost::bad_lexical_cast& e) {
     EXPECT_EQ(typeid(void), e.source_type());
   }

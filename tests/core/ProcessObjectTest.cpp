@@ -147,8 +147,9 @@ TEST_F(ProcessObjectTest, DetachingDuringANotification) {
   EXPECT_EQ(EventLog{"invalidated:op"}, log);
 }
 
-// Tests disconnectAllOutputPorts (readers go highest input port first) and the destructor (its
-// line, readers unconnected and invalidated, kept data without generator).
+// Tests disconnectAllOutputPorts (readers go highest input port first), disconnectAllInputPorts
+// and the destructor (its line, readers unconnected and invalidated, kept data without
+// generator).
 TEST_F(ProcessObjectTest, DisconnectionAndDestruction) {
   auto a = std::make_unique<LoggingOperator>("A", &log);
   LoggingOperator b("B", &log), c("C", &log);
@@ -158,6 +159,11 @@ TEST_F(ProcessObjectTest, DisconnectionAndDestruction) {
   a->disconnectAllOutputPorts();
   EXPECT_EQ(b.getInputPort(0) > c.getInputPort(0) ? "invalidated:B" : "invalidated:C", log[0]);
   EXPECT_EQ(0u, a->getOutputPort(0)->getNumberOfUse());
+  connect(*a, b);
+  b.setToValidated();
+  b.disconnectAllInputPorts();
+  EXPECT_TRUE(b.getInputPort(0)->isConnectedTo(nullptr));
+  EXPECT_TRUE(b.isInvalidated());
 
   connect(*a, b);
   b.setToValidated();

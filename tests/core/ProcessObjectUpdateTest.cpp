@@ -153,20 +153,4 @@ TEST_F(UpdateTest, CycleIsReported) {
   EXPECT_EQ(1, b.computations);
 }
 
-// Tests that a chain of 10,000 operators updates, invalidates and tears down without
-// exhausting the stack.
-TEST_F(UpdateTest, LongChain) {
-  std::vector<std::unique_ptr<LoggingOperator>> chain;
-  chain.push_back(std::make_unique<LoggingOperator>("0", nullptr, 0, 1));
-  for (std::size_t i = 1; i < 10000; ++i) {
-    chain.push_back(std::make_unique<LoggingOperator>(std::to_string(i), nullptr));
-    connect(*chain[i - 1], *chain[i]);
-  }
-  chain.back()->update();
-  chain.front()->setToInvalidated();
-  chain.back()->update();
-  EXPECT_EQ(2, chain.front()->computations);
-  EXPECT_EQ(2, chain.back()->computations);
-}
-
 }  // namespace

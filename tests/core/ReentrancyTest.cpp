@@ -394,36 +394,4 @@ TEST_F(ReentrancyCases, DestroyedDuringTheirOwnWalks) {
   EXPECT_EQ(0u, source.getOutputPort(0)->getNumberOfUse());
 }
 
-// Tests a pipeline destroyed by an observer of its inner operator while the pipeline updates
-// (the failure that says so), and while its input is rewired (nothing stays connected to its
-// ports); the inner operator lives on without parent.
-TEST_F(ReentrancyCases, PipelineDestroyedByItsInnerOperator) {
-  LoggingOperator source("S", &log, 0, 1), other("O", &log, 0, 1);
-  for (const char* event : {"validated", "invalidated"}) {
-    auto pipeline = std::make_unique<Pipeline>();
-    boost::shared_ptr<LoggingOperator> inner(new LoggingOperator("C", &log));
-    pipeline->registerOperator(inner);
-    pipeline->addInput("ImageObject");
-    pipeline->addOutput("ImageObject");
-    inner->setInputPort(0, pipeline->getInputPort(0));
-    static_cast<vorn::PortProxy*>(pipeline->getOutputPort(0))->connectTo(inner->getOutputPort(0));
-    pipeline->setInputPort(0, source.getOutputPort(0));
-    HookObserver destroy = destroying(&pipeline, event);
-    inner->attachObserver(&destroy);
-    vorn::BasePipeline* const raw = pipeline.get();
-    if (std::string(event) == "validated") {
-      EXPECT_THROW(raw->update(), std::ios_base::failure);
-      EXPECT_EQ(1, inner->computations);
-    } else {
-      raw->setInputPort(0, other.getOutputPort(0));
-    }
-    EXPECT_EQ(nullptr, pipeline);
-    EXPECT_EQ(nullptr, inner->getParent());
-    EXPECT_TRUE(inner->getInputPort(0)->isConnectedTo(nullptr));
-    EXPECT_EQ(0u, inner->getOutputPort(0)->getNumberOfUse());
-    EXPECT_EQ(0u,
-              source.getOutputPort(0)->getNumberOfUse() + other.getOutputPort(0)->getNumberOfUse());
-  }
-}
-
 }  // namespace

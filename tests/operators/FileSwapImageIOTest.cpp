@@ -45,6 +45,8 @@ TEST(FileSwapImageIO, DumpsToAFileAndRestoresBitForBit) {
     swapped.image->dump();
     ASSERT_TRUE(swapped.hook->isDumped());
     const std::string file = swapped.hook->getSwapFile();
+    swapped.hook->dump();  // already dumped: nothing more
+    EXPECT_EQ(swapped.hook->getSwapFile(), file);
     EXPECT_TRUE(fs::equivalent(fs::path(file).parent_path(),
                                where.empty() ? fs::temp_directory_path() : where));
     EXPECT_EQ(fs::file_size(file), pixels.size());

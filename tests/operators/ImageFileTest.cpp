@@ -256,8 +256,10 @@ TEST(ImageFileRead, DecodesEachPngKindAndNiftiTypeWithScaling) {
 // Written on another machine: the fields the reader uses, and the voxels, swapped.
 TEST(ImageFileNifti, ReadsBigEndianFiles) {
   TempFolder folder;
-  nifti_1_header header = niftiHeader({2, 1}, DT_INT16);
+  nifti_1_header header = niftiHeader({2, 1, 1}, DT_INT16);
   header.pixdim[1] = 2.5f;
+  header.pixdim[2] = -3.0f;  // its magnitude counts
+  header.pixdim[3] = 0.0f;   // unusable: 1
   header.qform_code = 1;
   header.qoffset_x = -4.0f;
   swapBytes(header.sizeof_hdr);
@@ -271,6 +273,8 @@ TEST(ImageFileNifti, ReadsBigEndianFiles) {
   ASSERT_EQ(image->getPointType(), PixelType::SHORT);
   EXPECT_EQ(pixelsOf<short>(*image), (std::vector<short>{258, -2}));
   EXPECT_EQ(image->getSpacing(0), 2.5);
+  EXPECT_EQ(image->getSpacing(1), 3.0);
+  EXPECT_EQ(image->getSpacing(2), 1.0);
   EXPECT_EQ(image->getOrigin(0), -4.0);
 }
 

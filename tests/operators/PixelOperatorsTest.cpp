@@ -153,6 +153,8 @@ TEST(OperatorParameters, BadValuesFailNamingThemAndKeepThePreviousOutput) {
     }
     op.setParameterValue(c.parameter, good);
   }
+  threshold->setParameterValue("lower", "+3.5");  // a leading plus is a number like any other
+  EXPECT_NO_THROW(run(*threshold));
 }
 
 struct Statistics {

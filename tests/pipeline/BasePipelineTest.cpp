@@ -98,6 +98,9 @@ TEST_F(PipelineTest, RegionIsHandedDown) {
                 as + assign + "1 of Operator two" + as + set,
             out.take());
   EXPECT_EQ(r, two->getOutputPort(1)->getData()->m_requestedRegionOfInterest);
+  Roi other(new vorn::BoxRoi);  // a source operator gets each new region too
+  pipeline->setRequestedRegionOfInterest(other);
+  EXPECT_EQ(other, two->getOutputPort(1)->getData()->m_requestedRegionOfInterest);
 }
 
 // Tests the operator list (duplicates kept, the first removed, own list only) and refusals.
@@ -127,6 +130,29 @@ TEST_F(PipelineTest, OperatorsAndRefusals) {
   vorn::PortProxy* second = pipeline->getInputPort(1);
   pipeline->removePort(pipeline->getInputPort(0));
   EXPECT_EQ(second, pipeline->getInputPort(0));
+  pipeline->removePort(pipeline->getOutputPort(0));
+  EXPECT_EQ(nullptr, pipeline->getOutputPort(0));
+}
+
+// Tests the printed form (the pipeline as an operator, then each inner operator) and that
+// update() clears the pipeline's own flag, which registering set.
+TEST_F(PipelineTest, PrintedFormAndOwnFlag) {
+  const std::string head =
+      "\nPIPELINE PORTS ...\n-------------------------------\nOperator : addr " +
+      addressText(pipeline.get()) + "   P\n Invalidated = ";
+  pipeline->print();
+  std::string printed = out.take();
+  EXPECT_EQ(0u, printed.find(head + "1\n"));
+  const std::string inner =
+      "\n*******PIPELINE OPERATOR*********\n-------------------------------\n";
+  const std::size_t xAt = printed.find(inner + "Operator : addr " + addressText(x.get()));
+  const std::size_t yAt = printed.find(inner + "Operator : addr " + addressText(y.get()));
+  EXPECT_LT(xAt, yAt);  // registration order
+  EXPECT_NE(std::string::npos, yAt);
+  pipeline->update();
+  out.take();
+  pipeline->print();
+  EXPECT_EQ(0u, out.take().find(head + "0\n"));
 }
 
 // Tests nested pipelines: updated and invalidated from outside, then torn down.
@@ -155,6 +181,32 @@ TEST(BasePipeline, NestedPipelines) {
     EXPECT_EQ(2, reader.computations);
   }
   EXPECT_EQ(0u, source.getOutputPort(0)->getNumberOfUse());
+}
+
+// Tests that a nested pipeline's invalidation spares its parent: the outer pipeline exposes the
+// inner one's input as its output, and invalidating the inner one must not run back into the
+// outer one and invalidate the operator that feeds them both.
+TEST(BasePipeline, NestedInvalidationSparesTheParent) {
+  CoutCapture out;
+  EventLog log;
+  BasePipeline outer;
+  boost::shared_ptr<BasePipeline> inner(new BasePipeline);
+  OpPtr a(new LoggingOperator("A", &log)), b(new LoggingOperator("B", &log));
+  outer.registerOperator(a);
+  outer.registerOperator(inner);
+  inner->registerOperator(b);
+  outer.addInput("ImageObject");
+  outer.addOutput("ImageObject");
+  inner->addInput("ImageObject");
+  a->setInputPort(0, outer.getInputPort(0));
+  inner->setInputPort(0, a->getOutputPort(0));
+  b->setInputPort(0, inner->getInputPort(0));
+  static_cast<vorn::PortProxy*>(outer.getOutputPort(0))->connectTo(inner->getInputPort(0));
+  a->setToValidated();
+  b->setToValidated();
+  inner->setToInvalidated();
+  EXPECT_TRUE(b->isInvalidated());
+  EXPECT_FALSE(a->isInvalidated());
 }
 
 // Tests pipelines whose input ports read each other's (wiring the API accepts). When a

@@ -16,6 +16,7 @@ TEST(Box, EmptyVolumeAndDeepCopies) {
   empty.printSelf(os);
   EXPECT_EQ("Box : adress = " + addressText(&empty) + "\nDimension: 0\n", os.str());
   EXPECT_TRUE(vorn::Box() == empty);
+  EXPECT_EQ(0u, empty.volume());
   EXPECT_EQ(0u, vorn::Box(3).volume());  // fresh sizes are 0
 
   vorn::Box source(2), assigned(3);
@@ -31,6 +32,8 @@ TEST(Box, EmptyVolumeAndDeepCopies) {
   assigned = source;
   EXPECT_EQ(arrays, assigned.m_start);
   EXPECT_TRUE(assigned == source);
+  assigned.m_start[0] = -1;
+  EXPECT_FALSE(assigned == source);  // same sizes, another start
   assigned = empty;
   EXPECT_EQ(nullptr, assigned.m_size);
 }
