@@ -34,7 +34,7 @@ def machine():
 def rows(m):
     fixed = m["BM_MandatedFixedCost"]
     stale = m["BM_UpdateStaleChain/4096"] / 4096
-    flat1, flat = m["BM_UpdateUpToDateTail/1"], m["BM_UpdateUpToDateTail/100000"]
+    flat10, flat = m["BM_UpdateUpToDateTail/10"], m["BM_UpdateUpToDateTail/100000"]
     reached = m["BM_InvalidateValidatedChain/1000"] / 1000
     head10, head = m["BM_InvalidateInvalidatedHead/10"], m["BM_InvalidateInvalidatedHead/100000"]
     machinery = stale - fixed
@@ -43,8 +43,8 @@ def rows(m):
          "two clock() reads and timing line", machinery, f"fixed cost {fixed:.1f} ns",
          stale / fixed, "≤ 60 ns", machinery <= 60),
         ("up-to-date update() of the tail of a chain of 100,000", flat,
-         f"chain of 1: {flat1:.1f} ns", flat / flat1, "< 20 ns, flat in N",
-         flat < 20 and flat / flat1 < 1.2),
+         f"chain of 10: {flat10:.1f} ns", flat / flat10, "< 20 ns, flat in N",
+         flat < 20 and flat / flat10 < 1.2),
         ("invalidating a validated chain of 1000, per operator reached", reached, "", None,
          "≤ 8 ns", reached <= 8),
         ("invalidating an already invalidated head of a chain of 100,000", head,
@@ -69,6 +69,12 @@ def main():
         ratio_text = "" if ratio is None else f"{ratio:.2f}"
         lines.append(f"| {case} | {figure:.1f} ns | {baseline} | {ratio_text} | {goal} | "
                      f"{'yes' if met else 'no'} |")
+    lines += [
+        "",
+        "The recompute figure is the difference of two timings dominated by `clock()` system "
+        "calls (about a microsecond each on this VM), which move by some hundreds of ns from one "
+        "run to the next: compare several runs before reading much into one.",
+    ]
     pathlib.Path(sys.argv[2]).write_text("\n".join(lines) + "\n")
 
 

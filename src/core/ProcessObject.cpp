@@ -153,6 +153,9 @@ namespace {
 template <class Notify>
 void notifyObservers(const ProcessObject* op, const std::set<IObserver*>& observers,
                      Notify notify) {
+  // Most operators have no observers: then nobody can destroy `op` meanwhile either, and the
+  // thread-local bookkeeping below is skipped.
+  if (observers.empty()) return;
   const internal::Presence present(op);
   internal::visitInOrder(observers, notify, [&present] { return present.gone(); });
 }

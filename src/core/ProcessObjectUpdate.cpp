@@ -96,6 +96,12 @@ void ProcessObject::update() {
     updateWithNoRepercussion();
     return;
   }
+  // Up to date with nobody listening: nothing runs that could destroy this operator or update it
+  // again, so the bookkeeping for that is skipped.
+  if (m_observers.empty() && !isInvalidated() && inputsAreUpToDate(*this)) {
+    setToValidated();
+    return;
+  }
   const UpdateScope scope(this, m_isUpdating);
   for (std::size_t i = 0; i < m_inputs.size(); ++i) {
     const boost::shared_ptr<DataObject> data = m_inputs[i]->getData();
