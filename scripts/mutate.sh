@@ -48,6 +48,11 @@ PY
 
 restore() { cp "$work/saved" "$(cat "$work/saved.path")"; }
 
+# The names of the tests the last ctest run lists as failed, on one line.
+failedTests() {
+  sed -nE 's/^[[:space:]]+[0-9]+ - ([^ ]+).*/\1/p' "$work/ctest.log" | tr '\n' ' '
+}
+
 stop=(--stop-on-failure)
 [[ -n "${VORN_MUTATE_EVERY_TEST:-}" ]] && stop=()
 : > "$work/kills.txt"
@@ -66,11 +71,10 @@ while IFS= read -r line; do
       > "$work/ctest.log" 2>&1; then
     result="SURVIVED"; survived=$((survived + 1)); survivors+=("$number: $what")
   else
-    result="killed by $(grep -m1 -E '\*\*\*(Failed|Exception|Timeout)' "$work/ctest.log" |
-      sed -E 's/.*Test +#[0-9]+: ([^ ]+).*/\1/' || true)"
+    failed="$(failedTests)"
+    result="killed by ${failed%% *}"
     killed=$((killed + 1))
-    echo "$number $(grep -E '^[[:space:]]+[0-9]+ - ' "$work/ctest.log" | sed -E 's/^[[:space:]]+[0-9]+ - ([^ ]+).*/\1/' |
-      tr '\n' ' ')" >> "$work/kills.txt"
+    echo "$number $failed" >> "$work/kills.txt"
   fi
   printf '%3d  %-60s %s\n' "$number" "${what:0:60}" "$result"
   restore
