@@ -11,6 +11,13 @@
 
 namespace vorn {
 
+namespace internal {
+// The engine's look at the data an input or output port leads to, without taking a share of it
+// (each share is two atomic counts, paid per input at every update). Any port type other than
+// vorn's own answers through getData(), whose result `holder` keeps alive.
+DataObject* peekData(const Port* port, boost::shared_ptr<DataObject>& holder);
+}  // namespace internal
+
 class VORN_API PortData : public Port {
  public:
   // For a data type the factory does not know, the factory says so and the port holds no data.
@@ -28,6 +35,8 @@ class VORN_API PortData : public Port {
   void setData(boost::shared_ptr<DataObject> data);
 
  private:
+  friend DataObject* internal::peekData(const Port*, boost::shared_ptr<DataObject>&);
+
   boost::shared_ptr<DataObject> m_data;  // shared with getData() callers; kept alive here
 };
 

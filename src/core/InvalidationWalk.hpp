@@ -60,6 +60,7 @@ class InvalidationScope {
   void endCompositeWalk();
 
   ProcessObject* m_op;
+  ThreadState& m_thread;
   Presence m_presence;
   std::size_t m_mark;  // the queue's size when this scope began
   bool m_resumed;

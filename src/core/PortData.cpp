@@ -2,9 +2,11 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <typeinfo>
 
 #include "vorn/DataObject.hpp"
 #include "vorn/DataObjectFactory.hpp"
+#include "vorn/PortProxy.hpp"
 
 namespace vorn {
 
@@ -34,4 +36,20 @@ void PortData::setData(boost::shared_ptr<DataObject> data) {
   m_data = data;
 }
 
+namespace internal {
+
+DataObject* peekData(const Port* port, boost::shared_ptr<DataObject>& holder) {
+  // Only the exact types: a derived port may answer getData() its own way. Their type_info
+  // objects are compared by address, which is the cheap check; should they ever not be unique,
+  // getData() still answers.
+  while (port != nullptr && &typeid(*port) == &typeid(PortProxy)) {
+    port = static_cast<const PortProxy*>(port)->PortProxy::getConnection();
+  }
+  if (port == nullptr) return nullptr;
+  if (&typeid(*port) == &typeid(PortData)) return static_cast<const PortData*>(port)->m_data.get();
+  holder = port->getData();
+  return holder.get();
+}
+
+}  // namespace internal
 }  // namespace vorn

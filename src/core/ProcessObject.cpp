@@ -232,20 +232,17 @@ struct WalkStep {
   PortProxy* after = nullptr;
 };
 
-struct WalkState {
-  std::vector<WalkStep> queue;  // queued steps, the next one last
-  std::size_t depth = 0;        // invalidation scopes on this thread's stack
-  std::size_t marked = 0;       // non-composite operators ProcessObject::setToInvalidated ran for
-  // For each composite walking its inputs' readers, `marked` when each of its unfinished walks
-  // began, the innermost last.
+// What the walks keep per thread beyond ThreadState's counters; touched only when a walk queues
+// its steps or a composite walks its inputs' readers.
+struct WalkLists {
+  std::vector<WalkStep> queue;  // queued steps, the next one last; its size is ThreadState::queued
+  // For each composite walking the readers of its inputs, ThreadState::marked when each of its
+  // unfinished walks began, the innermost last.
   std::unordered_map<const ProcessObject*, std::vector<std::size_t>> compositeWalks;
-  // The operator a walk is invalidating right now: its scope is a step of that walk, which runs
-  // what the scope queues, rather than an invalidation asked for on its own.
-  const ProcessObject* invoked = nullptr;
 };
 
-WalkState& state() {
-  static thread_local WalkState walks;
+WalkLists& lists() {
+  static thread_local WalkLists walks;
   return walks;
 }
 
@@ -281,13 +278,13 @@ WalkStep stepFor(const ProcessObject* walker, Readers readers, PortProxy* reader
   return step;
 }
 
-void runStep(const WalkStep& step) {
+void runStep(const WalkStep& step, ThreadState& thread) {
   if (step.kind == WalkStep::Kind::Resume) {
     InvalidationScope scope(step.op, true);
     scope.walkReaders(step.readers, step.port, step.after);
     return;
   }
-  state().invoked = step.op;
+  thread.invoked = step.op;
   if (step.kind == WalkStep::Kind::InvalidateAsOperator) {
     step.op->ProcessObject::setToInvalidated();
   } else {
@@ -296,22 +293,29 @@ void runStep(const WalkStep& step) {
 }
 
 // Runs the queued steps above `mark`, last queued first; each may queue more.
-void runQueue(std::size_t mark, FirstFailure& failure) {
-  std::vector<WalkStep>& queue = state().queue;
+void runQueue(std::size_t mark, FirstFailure& failure, ThreadState& thread) {
+  std::vector<WalkStep>& queue = lists().queue;
   while (queue.size() > mark) {
     const WalkStep step = queue.back();
     queue.pop_back();
-    if (step.op != nullptr) failure.attempt([&step] { runStep(step); });
-    state().invoked = nullptr;
+    thread.queued = queue.size();
+    if (step.op != nullptr) failure.attempt([&] { runStep(step, thread); });
+    thread.invoked = nullptr;
   }
 }
 
+void enqueue(const WalkStep& step, ThreadState& thread) {
+  std::vector<WalkStep>& queue = lists().queue;
+  queue.push_back(step);
+  thread.queued = queue.size();
+}
+
 // A walk's step taken at once; what it queued runs before the walk goes on.
-void runNow(const WalkStep& step, FirstFailure& failure) {
-  const std::size_t mark = state().queue.size();
-  failure.attempt([&step] { runStep(step); });
-  state().invoked = nullptr;
-  runQueue(mark, failure);
+void runNow(const WalkStep& step, FirstFailure& failure, ThreadState& thread) {
+  const std::size_t mark = thread.queued;
+  failure.attempt([&] { runStep(step, thread); });
+  thread.invoked = nullptr;
+  if (thread.queued > mark) runQueue(mark, failure, thread);
 }
 
 // The first reader of `port` above `after` (from the first when `after` is null), or null.
@@ -335,26 +339,25 @@ const Port* walkedPort(const ProcessObject* op, Readers readers, std::size_t ind
 
 InvalidationScope::InvalidationScope(ProcessObject* op, bool resumed)
     : m_op(op),
-      m_presence(op),
-      m_mark(state().queue.size()),
+      m_thread(threadState()),
+      m_presence(op, m_thread),
+      m_mark(m_thread.queued),
       m_resumed(resumed),
-      m_asked(false),
+      m_asked(!resumed && m_thread.invoked != op),
       m_deferring(false) {
-  WalkState& walks = state();
-  m_asked = !resumed && walks.invoked != op;
-  if (walks.invoked == op) walks.invoked = nullptr;
-  ++walks.depth;
-  m_deferring = walks.depth > kDirectDepth || stackIsLow(kInvalidationReserve);
+  if (m_thread.invoked == op) m_thread.invoked = nullptr;
+  ++m_thread.walkDepth;
+  m_deferring = m_thread.walkDepth > kDirectDepth || stackIsLow(kInvalidationReserve, m_thread);
 }
 
-InvalidationScope::~InvalidationScope() { --state().depth; }
+InvalidationScope::~InvalidationScope() { --m_thread.walkDepth; }
 
 void InvalidationScope::walkReaders(Readers readers, std::size_t port, PortProxy* after) {
   const bool composite = readers == Readers::OfInputs;
-  if (!composite && !m_resumed && !m_presence.gone() && !m_op->isComposite()) ++state().marked;
+  if (!composite && !m_resumed && !m_presence.gone() && !m_op->isComposite()) ++m_thread.marked;
   const bool walk = !composite || m_resumed || beginCompositeWalk();
   if (walk && !walkFrom(readers, port, after) && composite) endCompositeWalk();
-  if (m_asked) runQueue(m_mark, m_failure);
+  if (m_asked && m_thread.queued > m_mark) runQueue(m_mark, m_failure, m_thread);
   m_failure.rethrow();
 }
 
@@ -374,12 +377,11 @@ bool InvalidationScope::walkFrom(Readers readers, std::size_t port, PortProxy* a
     m_failure.attempt([&] { step = stepFor(m_op, readers, reader); });
     if (step.op == nullptr) continue;
     if (m_deferring) {
-      std::vector<WalkStep>& queue = state().queue;
-      queue.push_back(WalkStep{WalkStep::Kind::Resume, readers, m_op, port, after});
-      queue.push_back(step);
+      enqueue(WalkStep{WalkStep::Kind::Resume, readers, m_op, port, after}, m_thread);
+      enqueue(step, m_thread);
       return true;
     }
-    runNow(step, m_failure);
+    runNow(step, m_failure, m_thread);
   }
   return false;
 }
@@ -390,41 +392,48 @@ bool InvalidationScope::walkFrom(Readers readers, std::size_t port, PortProxy* a
 // marked since its walk began (there are finitely many; a pipeline can be marked as an operator
 // again and again); otherwise the walk would repeat itself without end, and is not started.
 bool InvalidationScope::beginCompositeWalk() {
-  WalkState& walks = state();
-  std::vector<std::size_t>& starts = walks.compositeWalks[m_op];
-  if (!starts.empty() && starts.back() == walks.marked) return false;
-  starts.push_back(walks.marked);
+  std::vector<std::size_t>& starts = lists().compositeWalks[m_op];
+  if (!starts.empty() && starts.back() == m_thread.marked) return false;
+  starts.push_back(m_thread.marked);
+  ++m_thread.compositeWalks;
   return true;
 }
 
 void InvalidationScope::endCompositeWalk() {
   if (m_presence.gone()) return;  // forgetWalksOf has dropped its entry
-  auto& walks = state().compositeWalks;
+  auto& walks = lists().compositeWalks;
   const auto entry = walks.find(m_op);
   if (entry == walks.end()) return;
   entry->second.pop_back();
+  --m_thread.compositeWalks;
   if (entry->second.empty()) walks.erase(entry);
 }
 
 void invalidateReadersOfPort(ProcessObject* owner, const Port* output) {
-  const Presence ownerPresent(owner), portPresent(output);
+  ThreadState& thread = threadState();
+  const Presence ownerPresent(owner, thread), portPresent(output, thread);
   FirstFailure failure;
   for (PortProxy* reader = readerAfter(output, nullptr); reader != nullptr;
        reader = readerAfter(output, reader)) {
     WalkStep step;
     failure.attempt([&] { step = stepFor(owner, Readers::OfOutputs, reader); });
-    if (step.op != nullptr) runNow(step, failure);
+    if (step.op != nullptr) runNow(step, failure, thread);
     if (ownerPresent.gone() || portPresent.gone()) break;
   }
   failure.rethrow();
 }
 
 void forgetWalksOf(const ProcessObject* op) {
-  WalkState& walks = state();
+  ThreadState& thread = threadState();
+  if (thread.queued == 0 && thread.compositeWalks == 0) return;
+  WalkLists& walks = lists();
   for (WalkStep& step : walks.queue) {
     if (step.op == op) step.op = nullptr;
   }
-  walks.compositeWalks.erase(op);
+  const auto entry = walks.compositeWalks.find(op);
+  if (entry == walks.compositeWalks.end()) return;
+  thread.compositeWalks -= entry->second.size();
+  walks.compositeWalks.erase(entry);
 }
 
 }  // namespace internal

@@ -11,6 +11,7 @@
 #include "core/StackDepth.hpp"
 #include "vorn/DataObject.hpp"
 #include "vorn/PixelType.hpp"
+#include "vorn/PortData.hpp"
 #include "vorn/PortProxy.hpp"
 #include "vorn/ProcessObject.hpp"
 #include "vorn/Repercussion.hpp"
@@ -69,9 +70,9 @@ class UpdateScope {
 // gone stale during it (an observer invalidating upstream) or been disconnected.
 bool inputsAreUpToDate(const ProcessObject& op) {
   for (unsigned int i = 0; i < op.getNumberOfInputPorts(); ++i) {
-    const PortProxy* const input = op.getInputPort(i);
-    const boost::shared_ptr<DataObject> data = input ? input->getData() : nullptr;
-    if (!data || !data->isUptodate()) return false;
+    boost::shared_ptr<DataObject> holder;
+    DataObject* const data = internal::peekData(op.getInputPort(i), holder);
+    if (data == nullptr || !data->isUptodate()) return false;
   }
   return true;
 }
@@ -104,8 +105,11 @@ void ProcessObject::update() {
   }
   const UpdateScope scope(this, m_isUpdating);
   for (std::size_t i = 0; i < m_inputs.size(); ++i) {
-    const boost::shared_ptr<DataObject> data = m_inputs[i]->getData();
-    if (!data) throwNoData(m_name);
+    // Not a share: nothing touches the data once its update() has returned, even if that update
+    // destroyed the operator that held it.
+    boost::shared_ptr<DataObject> holder;
+    DataObject* const data = internal::peekData(m_inputs[i], holder);
+    if (data == nullptr) throwNoData(m_name);
     if (data->isUptodate() || !Repercussion::isEnable()) continue;
     if (internal::stackIsLow(kUpdateReserve)) throwTooDeep(m_name);
     data->update();

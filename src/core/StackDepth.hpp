@@ -10,38 +10,36 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/Reentrancy.hpp"
+
 namespace vorn {
 namespace internal {
 
-struct StackBounds {
-  std::uintptr_t low = 0;   // lowest address of the stack
-  std::uintptr_t high = 0;  // one past the highest; 0 while unknown
-};
-
-inline StackBounds findStackBounds() {
-  StackBounds bounds;
+// pthread_getattr_np reads /proc for the main thread: once per thread is enough. Unknown bounds
+// stay 0.
+[[gnu::noinline]] inline void findStackBounds(ThreadState& thread) {
+  thread.stackKnown = true;
   pthread_attr_t attributes;
-  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return bounds;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
   void* lowest = nullptr;
   std::size_t size = 0;
   if (pthread_attr_getstack(&attributes, &lowest, &size) == 0) {
-    bounds.low = reinterpret_cast<std::uintptr_t>(lowest);
-    bounds.high = bounds.low + size;
+    thread.stackLow = reinterpret_cast<std::uintptr_t>(lowest);
+    thread.stackHigh = thread.stackLow + size;
   }
   pthread_attr_destroy(&attributes);
-  return bounds;
 }
 
 // Whether less than `reserve` bytes are left below the caller's frame; a thread with a small
 // stack keeps a quarter of it instead. False when the bounds are unknown, or the caller runs on
 // a stack of its own making (a fiber): nothing is refused there.
-inline bool stackIsLow(std::size_t reserve) {
-  // pthread_getattr_np reads /proc for the main thread: once per thread is enough.
-  static thread_local const StackBounds bounds = findStackBounds();
+inline bool stackIsLow(std::size_t reserve, ThreadState& thread = threadState()) {
+  if (!thread.stackKnown) findStackBounds(thread);
   // The frame address, not a local's: sanitizers may move locals off the stack.
   const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
-  if (here <= bounds.low || here >= bounds.high) return false;
-  return here - bounds.low < std::min<std::uintptr_t>(reserve, (bounds.high - bounds.low) / 4);
+  if (here <= thread.stackLow || here >= thread.stackHigh) return false;
+  const std::uintptr_t size = thread.stackHigh - thread.stackLow;
+  return here - thread.stackLow < std::min<std::uintptr_t>(reserve, size / 4);
 }
 
 }  // namespace internal
