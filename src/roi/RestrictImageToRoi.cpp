@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <iostream>
+#include <type_traits>
 
 #include "vorn/ImageObject.hpp"
 #include "vorn/PixelType.hpp"
@@ -38,21 +39,56 @@ bool usable(const ImageObject& mask, const void* maskBuffer, const void* imageBu
   return true;
 }
 
+// Works on the elements' bits as unsigned integers of the same width: the compiler turns the
+// select into a lane mask without branches and vectorises the loop, and a kept float is never
+// touched by floating-point arithmetic (NaN payloads and -0.0 survive; zero bits are +0.0).
+template <class Bits, class M>
+[[gnu::always_inline]] inline void keepInside(void* buffer, const void* mask, unsigned long count) {
+  // may_alias: the buffer holds pixels of another type, and reading them as same-width integers
+  // would otherwise break the aliasing rules the optimiser relies on.
+  using Alias [[gnu::may_alias]] = Bits;
+  Alias* const pixels = static_cast<Alias*>(buffer);
+  const M* const inside = static_cast<const M*>(mask);
+  // Unrolled: the vector loop is otherwise three instructions, a quarter slower on a
+  // cache-resident image whenever the code layout makes it straddle a 64-byte line.
+#pragma GCC unroll 4
+  for (unsigned long k = 0; k < count; ++k) pixels[k] = inside[k] != 0 ? pixels[k] : Bits(0);
+}
+
+// The loop is memory-bound only once it uses the widest vectors the running CPU has: one copy
+// per instruction set, the best chosen when the library is loaded.
+#if defined(__x86_64__) && defined(__has_attribute)
+#if __has_attribute(target_clones)
+#define VORN_WIDEST_VECTORS [[gnu::target_clones("arch=x86-64-v4", "avx2", "default")]]
+#endif
+#endif
+#ifndef VORN_WIDEST_VECTORS
+#define VORN_WIDEST_VECTORS
+#endif
+
+VORN_WIDEST_VECTORS void keepInside8(void* buffer, const void* mask, unsigned long count) {
+  keepInside<std::uint8_t, std::uint8_t>(buffer, mask, count);
+}
+VORN_WIDEST_VECTORS void keepInside16(void* buffer, const void* mask, unsigned long count) {
+  keepInside<std::uint16_t, std::uint8_t>(buffer, mask, count);
+}
+VORN_WIDEST_VECTORS void keepInside32(void* buffer, const void* mask, unsigned long count) {
+  keepInside<std::uint32_t, std::uint8_t>(buffer, mask, count);
+}
+
 }  // namespace
 
-// Works on the elements' bits as unsigned integers of the same width: an all-ones or all-zeros
-// lane mask selects without branches, so the compiler vectorises the loop, and a kept float is
-// never touched by floating-point arithmetic (NaN payloads and -0.0 survive; zero bits are +0.0).
 template <class T, class M>
 void mergeBuffer(void* buffer, const void* mask, unsigned long count) {
-  // may_alias: the buffer holds T, and reading it as same-width integers would otherwise break
-  // the aliasing rules the optimiser relies on.
-  using Bits [[gnu::may_alias]] = typename SameSizeUnsigned<sizeof(T)>::type;
-  Bits* const pixels = static_cast<Bits*>(buffer);
-  const M* const inside = static_cast<const M*>(mask);
-  for (unsigned long k = 0; k < count; ++k) {
-    const Bits keep = static_cast<Bits>(-static_cast<Bits>(inside[k] != 0));
-    pixels[k] = static_cast<Bits>(pixels[k] & keep);
+  using Bits = typename SameSizeUnsigned<sizeof(T)>::type;
+  if constexpr (!std::is_same_v<M, unsigned char>) {
+    keepInside<Bits, M>(buffer, mask, count);
+  } else if constexpr (sizeof(T) == 1) {
+    keepInside8(buffer, mask, count);
+  } else if constexpr (sizeof(T) == 2) {
+    keepInside16(buffer, mask, count);
+  } else {
+    keepInside32(buffer, mask, count);
   }
 }
 
