@@ -125,6 +125,21 @@ void encode(TargetFormat format, const ImageObject& image, const std::string& te
   }
 }
 
+// Moves the pixels `fresh` decoded into `image`, with their geometry: a copy would make a read
+// need twice the image's memory. `image` keeps its generator and its ownership flag, as after
+// import(). Only what cannot fail happens once `image` has been emptied.
+void adoptPixels(ImageObject& fresh, ImageObject& image) {
+  const PixelType::Type type = fresh.getPointType();
+  const Box box = fresh.getBufferedRegion();
+  image.initialize();
+  fresh.manageItsBuffer(false);
+  image.reDefine(type, box, fresh.getBuffer());
+  for (unsigned int axis = 0; axis < fresh.getDimension(); ++axis) {
+    image.setSpacing(axis, fresh.getSpacing(axis));
+    image.setOrigin(axis, fresh.getOrigin(axis));
+  }
+}
+
 }  // namespace
 
 namespace detail {
@@ -166,7 +181,7 @@ void readImageFile(const std::string& path, ImageObject& image) {
   } catch (const std::bad_alloc&) {
     throw ImageFileError(path, "not enough memory to read the image");
   }
-  image.import(&fresh, image.getGenerator());
+  adoptPixels(fresh, image);
 }
 
 void writeImageFile(const ImageObject& image, const std::string& path) {
