@@ -1,10 +1,16 @@
 // Cost of ImageObject::import, the deep copy between images, next to a plain memcpy of the same
-// 64 MiB: import should add nothing measurable to its one block copy.
+// 64 MiB: import should add nothing measurable to its one block copy. And the conversions from
+// and to the host's image, which describe the same buffer and so must not depend on its size.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
 
+#include <vector>
+
+#include <vorn/HostImageConversion.hpp>
 #include <vorn/ImageObject.hpp>
+#include <zelData/Image.hpp>
+#include "CoutDiscard.hpp"
 
 namespace {
 
@@ -41,5 +47,48 @@ void BM_MemcpyImage(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(2 * kPixels * sizeof(float)));
 }
 BENCHMARK(BM_MemcpyImage)->Unit(benchmark::kMillisecond);
+
+using HostImage = boost::shared_ptr<data::Image>;
+
+// A float host image of side x side pixels, owning its buffer.
+HostImage hostImage(int side) {
+  HostImage image(new data::Image);
+  image->setDimension(2);
+  image->setPixelType(zelTools::makeDynamicType(std::string("float")));
+  image->setBuffer(new char[static_cast<std::size_t>(side) * static_cast<std::size_t>(side) * 4]);
+  image->setCRefSize({side, side});
+  image->setCRefOrigin({0.0, 0.0});
+  image->setCRefSpacing({1.0, 1.0});
+  return image;
+}
+
+// Argument: the side of the square image (64: 16 KiB; 4096: 64 MiB).
+void BM_ToVornImage(benchmark::State& state) {
+  const CoutDiscard silent;  // the conversion writes the host's type name
+  const HostImage host = hostImage(static_cast<int>(state.range(0)));
+  vorn::ImageObject image;
+  for (auto _ : state) {
+    vorn::ToVornImage(host, &image);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_ToVornImage)->Arg(64)->Arg(4096);
+
+void BM_FromVornImage(benchmark::State& state) {
+  const CoutDiscard silent;
+  const HostImage host = hostImage(static_cast<int>(state.range(0)));
+  vorn::ImageObject image;
+  vorn::ToVornImage(host, &image);
+  // The described host image shares `host`'s buffer: it is kept to the end of the process
+  // rather than freeing that buffer a second time.
+  static std::vector<data::Image*> sharing;
+  sharing.push_back(new data::Image);
+  const HostImage described(sharing.back(), [](data::Image*) {});
+  for (auto _ : state) {
+    vorn::FromVornImage(&image, described);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_FromVornImage)->Arg(64)->Arg(4096);
 
 }  // namespace

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds the benchmarks (optimised, RelWithDebInfo), runs them with repetitions and writes the
-# table of docs/performance.md from the medians: each figure beside its baseline measured in the
-# same run, the ratio, the goal and whether it is met. Takes a few minutes; run it on a quiet
-# machine.
+# Builds the benchmarks (optimised, RelWithDebInfo), runs them with repetitions, measures the
+# peak memory of vorn-run pipelines, and writes docs/performance.md from the medians: each figure
+# beside its baseline measured in the same run, the ratio, the goal and whether it is met. Takes
+# about ten minutes; run it on a quiet machine.
 #
 #   bash scripts/bench.sh [BUILD_DIR]      (default build/release)
 set -euo pipefail
@@ -11,15 +11,20 @@ build="${1:-build/release}"
 if [[ ! -f "$build/CMakeCache.txt" ]]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 fi
-cmake --build "$build" -j "$(nproc)" --target vorn_update_benchmark
+programs=(vorn_update_benchmark vorn_restrict_benchmark vorn_image_benchmark
+  vorn_operators_benchmark)
+cmake --build "$build" -j "$(nproc)" --target "${programs[@]}" vorn_peak_memory vorn-run
 
 results="$build/bench-results"
-mkdir -p "$results"
-run() {
-  "$build/bench/$1" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
-    --benchmark_format=json --benchmark_out="$results/$1.json" --benchmark_out_format=json \
-    > /dev/null
-}
-run vorn_update_benchmark
+rm -rf "$results" && mkdir -p "$results"
+for program in "${programs[@]}"; do
+  echo "running $program"
+  "$build/bench/$program" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+    --benchmark_out="$results/$program.json" \
+    --benchmark_out_format=json > /dev/null
+done
+echo "measuring vorn-run's peak memory"
+/usr/bin/python3 scripts/bench_memory.py "$build/bench/vorn_peak_memory" \
+  "$build/tools/vorn-run/vorn-run" "$results"
 /usr/bin/python3 scripts/bench_table.py "$results" docs/performance.md
 echo "wrote docs/performance.md"
