@@ -20,6 +20,11 @@ class CompensatedSum {
     m_error += std::abs(m_sum) >= std::abs(value) ? (m_sum - next) + value : (value - next) + m_sum;
     m_sum = next;
   }
+  // Another compensated sum, its error term included unless it is past an infinity.
+  void add(const CompensatedSum& other) {
+    add(other.m_sum);
+    if (std::isfinite(other.m_sum)) add(other.m_error);
+  }
   // Past an infinity the error term is inf - inf, a NaN: the plain sum is then the answer.
   double value() const { return std::isfinite(m_sum) ? m_sum + m_error : m_sum; }
 
@@ -27,6 +32,73 @@ class CompensatedSum {
   double m_sum = 0.0;
   double m_error = 0.0;
 };
+
+// Pixel k goes to lane k % kLanes: each lane has its own sums, so the additions of neighbouring
+// pixels do not wait on each other and the compiler may vectorise them. A NaN adds nothing and
+// counts for nothing (min and max already pass over it).
+constexpr unsigned long kLanes = 8;
+
+struct Lanes {
+  double min[kLanes];
+  double max[kLanes];
+  unsigned long count[kLanes] = {};
+  CompensatedSum sum[kLanes];
+
+  template <class T>
+  void add(const T* pixels) {
+    for (unsigned long lane = 0; lane < kLanes; ++lane) {
+      const double value = pixels[lane];
+      const bool number = !std::isnan(value);
+      count[lane] += number;
+      min[lane] = std::min(min[lane], value);
+      max[lane] = std::max(max[lane], value);
+      sum[lane].add(number ? value : 0.0);
+    }
+  }
+};
+
+template <class T>
+void addRange(const T* pixels, unsigned long count, ImageStatistics& s, CompensatedSum& total) {
+  Lanes lanes;
+  std::fill(lanes.min, lanes.min + kLanes, s.min);
+  std::fill(lanes.max, lanes.max + kLanes, s.max);
+  const unsigned long whole = count - count % kLanes;
+  for (unsigned long k = 0; k < whole; k += kLanes) lanes.add(pixels + k);
+  for (unsigned long lane = 0; lane < kLanes; ++lane) {
+    s.count += lanes.count[lane];
+    s.min = std::min(s.min, lanes.min[lane]);
+    s.max = std::max(s.max, lanes.max[lane]);
+    total.add(lanes.sum[lane]);
+  }
+  for (unsigned long k = whole; k < count; ++k) {
+    const double value = pixels[k];
+    if (std::isnan(value)) continue;
+    ++s.count;
+    s.min = std::min(s.min, value);
+    s.max = std::max(s.max, value);
+    total.add(value);
+  }
+}
+
+// The sum of squared deviations from `mean`, NaNs left out, in lanes as above.
+template <class T>
+double squaredDeviations(const T* pixels, unsigned long count, double mean) {
+  CompensatedSum lanes[kLanes];
+  const unsigned long whole = count - count % kLanes;
+  for (unsigned long k = 0; k < whole; k += kLanes) {
+    for (unsigned long lane = 0; lane < kLanes; ++lane) {
+      const double deviation = pixels[k + lane] - mean;
+      lanes[lane].add(std::isnan(deviation) ? 0.0 : deviation * deviation);
+    }
+  }
+  CompensatedSum total;
+  for (const CompensatedSum& lane : lanes) total.add(lane);
+  for (unsigned long k = whole; k < count; ++k) {
+    const double deviation = pixels[k] - mean;
+    if (!std::isnan(deviation)) total.add(deviation * deviation);
+  }
+  return total.value();
+}
 
 // Two passes: the mean first, then the squared deviations from it, which does not lose the
 // variance to cancellation the way sum(x^2) - n * mean^2 does.
@@ -36,14 +108,7 @@ ImageStatistics statisticsOf(const T* pixels, unsigned long count) {
   s.min = std::numeric_limits<double>::infinity();
   s.max = -s.min;
   CompensatedSum sum;
-  for (unsigned long k = 0; k < count; ++k) {
-    const double value = pixels[k];
-    if (std::isnan(value)) continue;
-    ++s.count;
-    s.min = std::min(s.min, value);
-    s.max = std::max(s.max, value);
-    sum.add(value);
-  }
+  addRange(pixels, count, s, sum);
   s.sum = sum.value();
   if (s.count == 0) {
     s.min = s.max = s.mean = s.stddev = std::numeric_limits<double>::quiet_NaN();
@@ -54,12 +119,7 @@ ImageStatistics statisticsOf(const T* pixels, unsigned long count) {
     s.stddev = std::numeric_limits<double>::quiet_NaN();
     return s;
   }
-  CompensatedSum squares;
-  for (unsigned long k = 0; k < count; ++k) {
-    const double deviation = pixels[k] - s.mean;
-    if (!std::isnan(deviation)) squares.add(deviation * deviation);
-  }
-  s.stddev = std::sqrt(squares.value() / static_cast<double>(s.count));
+  s.stddev = std::sqrt(squaredDeviations(pixels, count, s.mean) / static_cast<double>(s.count));
   return s;
 }
 
