@@ -58,6 +58,9 @@ class Parameter;
 class Port;
 class PortProxy;
 class RoiObject;
+namespace internal {
+class InvalidationScope;
+}
 
 class VORN_API ProcessObject : public Object {
  public:
@@ -181,6 +184,8 @@ class VORN_API ProcessObject : public Object {
   std::set<IObserver*> m_observers;  // non-owning, ordered by address
 
  private:
+  friend class internal::InvalidationScope;  // marks plain operators in line (ProcessObject.cpp)
+
   bool m_isUpdating;  // set while update() runs here, to stop a cycle instead of recursing
 };
 

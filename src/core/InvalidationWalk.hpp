@@ -10,6 +10,10 @@
 // The one difference, only that deep: the code a setToInvalidated override runs after calling the
 // base runs before the readers behind it are invalidated rather than after.
 //
+// Operators that invalidate the way ProcessObject does, with no observer, are marked by the walk
+// that reaches them and their readers walked in that walk's own loop, rather than through a call
+// of their own: the outcome is the same, without a frame of the stack per operator.
+//
 // A composite walking the readers of its inputs again, with no non-composite operator marked
 // since it began (pipelines whose inputs read each other's, pass-through pipelines), would do so
 // without end: that walk is not started.
@@ -56,6 +60,7 @@ class InvalidationScope {
 
  private:
   bool walkFrom(Readers readers, std::size_t port, PortProxy* after);
+  bool canInvalidateInLine(ProcessObject* op) const;
   bool beginCompositeWalk();
   void endCompositeWalk();
 
@@ -67,6 +72,7 @@ class InvalidationScope {
   bool m_asked;      // not invoked by a walk: finishes everything before returning
   bool m_deferring;  // too deep to recurse: queues its steps instead
   FirstFailure m_failure;
+  std::size_t m_inLineBase;  // ThreadState::inLine when the walk began
 };
 
 // ProcessObject::invalidateReadersOf: the readers of `output` by the rules of `owner`'s outputs.

@@ -230,11 +230,24 @@ struct WalkStep {
   ProcessObject* op = nullptr;  // null: nothing to do (or the operator was destroyed)
   std::size_t port = 0;
   PortProxy* after = nullptr;
+  bool composite = false;
 };
 
 // What the walks keep per thread beyond ThreadState's counters; touched only when a walk queues
 // its steps or a composite walks its inputs' readers.
+// An operator whose readers a walk goes through in its own loop (see invalidateInLine).
+struct InLineFrame {
+  ProcessObject* op;
+  Readers readers;
+  std::size_t port;
+  PortProxy* after;
+  bool gone;  // destroyed meanwhile
+};
+
 struct WalkLists {
+  // The operators walked in line, the innermost last; each walk owns those above its base. Its
+  // size is ThreadState::inLine.
+  std::vector<InLineFrame> inLine;
   std::vector<WalkStep> queue;  // queued steps, the next one last; its size is ThreadState::queued
   // For each composite walking the readers of its inputs, ThreadState::marked when each of its
   // unfinished walks began, the innermost last.
@@ -258,7 +271,8 @@ WalkStep stepFor(const ProcessObject* walker, Readers readers, PortProxy* reader
   WalkStep step;
   ProcessObject* const op = reader->getParent();
   if (op == nullptr) return step;
-  if (op->isComposite()) {
+  step.composite = op->isComposite();
+  if (step.composite) {
     if (readers == Readers::OfOutputs) {
       // Leaving our own pipeline through one of its outputs: mark the pipeline itself and go
       // on downstream of it, rather than back into the operators behind its inputs.
@@ -310,6 +324,33 @@ void enqueue(const WalkStep& step, ThreadState& thread) {
   thread.queued = queue.size();
 }
 
+// Whether `op`'s setToInvalidated is ProcessObject's own. Only GCC can answer cheaply (it reads
+// the function out of the object's virtual table); elsewhere every operator is called.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpmf-conversions"
+#pragma GCC diagnostic ignored "-Wpedantic"
+using Invalidation = void (*)(ProcessObject*);
+
+Invalidation invalidationOf(ProcessObject* op) {
+  return reinterpret_cast<Invalidation>(op->*(&ProcessObject::setToInvalidated));
+}
+#pragma GCC diagnostic pop
+
+bool invalidatesAsProcessObject(ProcessObject* op) {
+  // An operator that overrides nothing, built in place and never destroyed (its destructor
+  // would print), whose table holds ProcessObject's own function.
+  struct Plain final : ProcessObject {
+    void generateData() override {}
+  };
+  alignas(Plain) static unsigned char storage[sizeof(Plain)];
+  static const Invalidation base = invalidationOf(new (storage) Plain);
+  return invalidationOf(op) == base;
+}
+#else
+bool invalidatesAsProcessObject(ProcessObject*) { return false; }
+#endif
+
 // A walk's step taken at once; what it queued runs before the walk goes on.
 void runNow(const WalkStep& step, FirstFailure& failure, ThreadState& thread) {
   const std::size_t mark = thread.queued;
@@ -344,13 +385,20 @@ InvalidationScope::InvalidationScope(ProcessObject* op, bool resumed)
       m_mark(m_thread.queued),
       m_resumed(resumed),
       m_asked(!resumed && m_thread.invoked != op),
-      m_deferring(false) {
+      m_deferring(false),
+      m_inLineBase(m_thread.inLine) {
   if (m_thread.invoked == op) m_thread.invoked = nullptr;
   ++m_thread.walkDepth;
   m_deferring = m_thread.walkDepth > kDirectDepth || stackIsLow(kInvalidationReserve, m_thread);
 }
 
-InvalidationScope::~InvalidationScope() { --m_thread.walkDepth; }
+InvalidationScope::~InvalidationScope() {
+  --m_thread.walkDepth;
+  if (m_thread.inLine > m_inLineBase) {  // left by an exception
+    lists().inLine.resize(m_inLineBase);
+    m_thread.inLine = m_inLineBase;
+  }
+}
 
 void InvalidationScope::walkReaders(Readers readers, std::size_t port, PortProxy* after) {
   const bool composite = readers == Readers::OfInputs;
@@ -361,29 +409,56 @@ void InvalidationScope::walkReaders(Readers readers, std::size_t port, PortProxy
   m_failure.rethrow();
 }
 
-// Whether the walk goes on to its end here rather than queueing its rest.
+// Whether the walk goes on to its end here rather than queueing its rest. The operator walked is
+// this scope's own, or the innermost one marked in line.
 bool InvalidationScope::walkFrom(Readers readers, std::size_t port, PortProxy* after) {
-  // Port and reader are looked up again after every step: observers may add or remove either.
-  while (!m_presence.gone() && port < portCount(m_op, readers)) {
-    const Port* const walked = walkedPort(m_op, readers, port);
-    PortProxy* const reader = walked == nullptr ? nullptr : readerAfter(walked, after);
-    if (reader == nullptr) {
-      ++port;
-      after = nullptr;
+  InLineFrame own{m_op, readers, port, after, false};
+  std::vector<InLineFrame>* inLine = nullptr;  // fetched once an operator is walked in line
+  for (;;) {
+    const bool nested = m_thread.inLine > m_inLineBase;
+    InLineFrame& frame = nested ? inLine->back() : own;
+    // Port and reader are looked up again after every step: observers may add or remove either.
+    const bool gone = nested ? frame.gone : m_presence.gone();
+    if (gone || frame.port >= portCount(frame.op, frame.readers)) {
+      if (!nested) return false;
+      inLine->pop_back();
+      --m_thread.inLine;
       continue;
     }
-    after = reader;
+    const Port* const walked = walkedPort(frame.op, frame.readers, frame.port);
+    PortProxy* const reader = walked == nullptr ? nullptr : readerAfter(walked, frame.after);
+    if (reader == nullptr) {
+      ++frame.port;
+      frame.after = nullptr;
+      continue;
+    }
+    frame.after = reader;
     WalkStep step;
-    m_failure.attempt([&] { step = stepFor(m_op, readers, reader); });
+    m_failure.attempt([&] { step = stepFor(frame.op, frame.readers, reader); });
     if (step.op == nullptr) continue;
-    if (m_deferring) {
-      enqueue(WalkStep{WalkStep::Kind::Resume, readers, m_op, port, after}, m_thread);
+    if (m_deferring) {  // never with operators in line: they are walked only when not deferring
+      enqueue(WalkStep{WalkStep::Kind::Resume, readers, m_op, own.port, own.after}, m_thread);
       enqueue(step, m_thread);
       return true;
     }
-    runNow(step, m_failure, m_thread);
+    const bool plain = step.kind == WalkStep::Kind::Invalidate && !step.composite;
+    if (!plain || !canInvalidateInLine(step.op)) {
+      runNow(step, m_failure, m_thread);
+    } else if (Repercussion::isEnable()) {  // otherwise its own call would do nothing either
+      step.op->m_invalidated = true;
+      ++m_thread.marked;
+      if (inLine == nullptr) inLine = &lists().inLine;
+      inLine->push_back(InLineFrame{step.op, Readers::OfOutputs, 0, nullptr, false});
+      ++m_thread.inLine;
+    }
   }
-  return false;
+}
+
+// Whether what ProcessObject::setToInvalidated would do for `op` can be done by the walk that
+// reaches it, its readers walked next in that walk's own loop: when nothing of the call could be
+// told apart, with no observer to notify and no override to run.
+bool InvalidationScope::canInvalidateInLine(ProcessObject* op) const {
+  return !m_deferring && op->m_observers.empty() && invalidatesAsProcessObject(op);
 }
 
 // Composites invalidate composite readers whatever their state, so input ports wired across
@@ -425,6 +500,11 @@ void invalidateReadersOfPort(ProcessObject* owner, const Port* output) {
 
 void forgetWalksOf(const ProcessObject* op) {
   ThreadState& thread = threadState();
+  if (thread.inLine > 0) {
+    for (InLineFrame& frame : lists().inLine) {
+      if (frame.op == op) frame.gone = true;
+    }
+  }
   if (thread.queued == 0 && thread.compositeWalks == 0) return;
   WalkLists& walks = lists();
   for (WalkStep& step : walks.queue) {

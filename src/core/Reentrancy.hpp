@@ -22,6 +22,7 @@ struct ThreadState {
   std::size_t marked;          // non-composite operators marked by invalidation walks so far
   std::size_t compositeWalks;  // composites walking their inputs' readers
   const void* invoked;         // the operator a walk is invalidating right now
+  std::size_t inLine;          // operators walked in line by the walks under way
   std::uintptr_t stackLow;     // the stack's bounds, once known (see StackDepth.hpp)
   std::uintptr_t stackHigh;
   bool stackKnown;

@@ -392,6 +392,25 @@ TEST_F(ReentrancyCases, DestroyedDuringTheirOwnWalks) {
   EXPECT_EQ(nullptr, pipeline);
   EXPECT_TRUE(b.getInputPort(0)->isConnectedTo(nullptr));
   EXPECT_EQ(0u, source.getOutputPort(0)->getNumberOfUse());
+
+  // An operator nobody listens to is walked by the walk that reaches it, not by a call of its
+  // own: destroyed by its reader's observer, it is not walked any further either.
+  LoggingOperator head("H", &log, 0, 1), last("L", &log), other("O", &log);
+  auto middle = std::make_unique<LoggingOperator>("M", &log);
+  connect(head, *middle);
+  connect(*middle, last);
+  connect(*middle, other);
+  for (ProcessObject* op :
+       {static_cast<ProcessObject*>(&head), static_cast<ProcessObject*>(middle.get()),
+        static_cast<ProcessObject*>(&last), static_cast<ProcessObject*>(&other)})
+    op->setToValidated();
+  HookObserver destroyMiddle = destroying(&middle);
+  last.attachObserver(&destroyMiddle);
+  head.setToInvalidated();
+  EXPECT_EQ(nullptr, middle);
+  EXPECT_TRUE(last.isInvalidated());
+  EXPECT_TRUE(other.isInvalidated());
+  EXPECT_EQ(0u, head.getOutputPort(0)->getNumberOfUse());
 }
 
 }  // namespace
