@@ -166,8 +166,8 @@ void forEachRow(const Layout& image, const Region& region, unsigned skip, F&& f)
 // row[i] = w[0] * centre[i] + sum over k of w[k] * (the two samples k taps away), a tap being
 // `tap` floats. Loops over i innermost so that they vectorise; two taps per sweep halve the
 // loads and stores of the row.
-void applyKernel(const float* centre, long tap, float* row, long width,
-                 const std::vector<float>& w) {
+VORN_WIDEST_VECTORS void applyKernel(const float* centre, long tap, float* row, long width,
+                                     const std::vector<float>& w) {
   const long taps = static_cast<long>(w.size());
   const float* weights = w.data();
   for (long i = 0; i < width; ++i) row[i] = weights[0] * centre[i];
