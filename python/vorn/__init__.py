@@ -1,0 +1,13 @@
+"""vorn: demand-driven image-processing pipelines whose images share their pixels with NumPy.
+
+Operators derive from ProcessObject (generateData written in Python or C++), connect through
+ports and update on demand; ImageObject is a NumPy buffer, and ImageObject.from_array borrows a
+NumPy array's memory. run() takes a pipeline as text, as the vorn-run command does.
+"""
+from ._vorn import *  # noqa: F401,F403 -- the module's whole API
+from ._vorn import OutputCapture
+
+
+def capture_output():
+    """A context manager: the library's lines go to its `text` instead of standard output."""
+    return OutputCapture()
