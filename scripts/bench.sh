@@ -14,6 +14,7 @@ fi
 programs=(vorn_update_benchmark vorn_restrict_benchmark vorn_image_benchmark
   vorn_operators_benchmark)
 cmake --build "$build" -j "$(nproc)" --target "${programs[@]}" vorn_peak_memory vorn-run
+cmake --build "$build" -j "$(nproc)" --target vorn_python_package 2>/dev/null || true
 
 results="$build/bench-results"
 rm -rf "$results" && mkdir -p "$results"
@@ -26,5 +27,10 @@ done
 echo "measuring vorn-run's peak memory"
 /usr/bin/python3 scripts/bench_memory.py "$build/bench/vorn_peak_memory" \
   "$build/tools/vorn-run/vorn-run" "$results"
+if [[ -d "$build/python/vorn" ]]; then
+  echo "measuring the Python module"
+  PYTHONPATH="$build/python" /usr/bin/python3 scripts/bench_python.py "$results/python.txt" \
+    > /dev/null
+fi
 /usr/bin/python3 scripts/bench_table.py "$results" docs/performance.md
 echo "wrote docs/performance.md"

@@ -171,6 +171,11 @@ def main():
         "## Images and memory", "", *table(image_rows(m, memory)), "",
         "## Files", "", *table(file_rows(m)), "",
     ]
+    python = folder / "python.txt"
+    if python.exists():
+        lines += ["## Python (scripts/bench_python.py)", ""]
+        lines += [f"- {line}" for line in python.read_text().splitlines() if line.strip()]
+        lines.append("")
     notes = pathlib.Path(__file__).resolve().parent.parent / "bench" / "performance-notes.md"
     if notes.exists():
         lines += [notes.read_text().rstrip(), ""]
