@@ -1,0 +1,45 @@
+# Builds the Debian packages of the vorn build, unpacks them into a scratch root (dpkg -x; nothing
+# is installed on the machine), then builds and runs tests/consumer against the unpacked files
+# alone: through the CMake package, and through pkg-config. Also runs the packaged vorn-run and,
+# when packaged, imports the Python module.
+set(root ${WORK_DIR}/root)
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${root})
+
+function(run_step)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "step failed (${rc}): ${ARGN}")
+  endif()
+endfunction()
+
+run_step(${CMAKE_CPACK_COMMAND} --config ${VORN_BUILD_DIR}/CPackConfig.cmake -G DEB
+  -B ${WORK_DIR}/debs)
+file(GLOB debs ${WORK_DIR}/debs/*.deb)
+foreach(deb ${debs})
+  message(STATUS "unpacking ${deb}")
+  run_step(dpkg-deb --info ${deb})
+  run_step(dpkg -x ${deb} ${root})
+endforeach()
+
+run_step(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${WORK_DIR}/cmake-consumer
+  -DCMAKE_PREFIX_PATH=${root}/usr -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
+run_step(${WORK_DIR}/cmake-consumer/consumer)
+
+file(GLOB_RECURSE pc_files ${root}/*/vorn.pc)
+get_filename_component(pc_dir "${pc_files}" DIRECTORY)
+set(ENV{PKG_CONFIG_PATH} ${pc_dir})
+execute_process(COMMAND pkg-config --cflags --libs vorn OUTPUT_VARIABLE flags
+  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+separate_arguments(flags UNIX_COMMAND "${flags}")
+string(REGEX REPLACE ".*-L([^ ;]*).*" "\\1" libdir "${flags}")
+run_step(${CXX_COMPILER} ${CONSUMER_SOURCE_DIR}/main.cpp -o ${WORK_DIR}/pc-consumer ${flags}
+  -Wl,-rpath,${libdir})
+run_step(${WORK_DIR}/pc-consumer)
+
+run_step(${root}/usr/bin/vorn-run --version)
+if(EXISTS ${root}/usr/lib/python3/dist-packages/vorn)
+  set(ENV{PYTHONPATH} ${root}/usr/lib/python3/dist-packages)
+  run_step(${PYTHON_EXECUTABLE} -c "import vorn; print(vorn.__file__, vorn.operatorNames())")
+endif()
