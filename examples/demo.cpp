@@ -1,177 +1,227 @@
-// vorn demo: operators written as a client would write them, run on a built-in sample.
+// vorn demo: the operator library on built-in samples, or on an image file of your own.
 //
-//   SyntheticSource -> [ segment: Threshold -> ApplyMask ] -> Statistics
+//   vorn_demo [--out FOLDER] [IMAGE.png | IMAGE.nii | IMAGE.nii.gz]
 //
-// The source draws a 64 x 48 float image (a bright disc on a ramp). The "segment" pipeline
-// thresholds it into a mask and keeps only the pixels inside the mask. Statistics counts and
-// sums what is left. The demo then changes the threshold and shows that only the operators
-// that depend on it run again, and finally hands the result to the host framework's image
-// without copying a pixel, after a round trip through an example storage hook.
-#include <cmath>
+// Each image goes through   source -> gaussian -> threshold -> mask (source, threshold) -> stats
+// and every stage is written as a PNG (for a volume, the middle slice across each axis) into the
+// output folder (default vorn-demo), volumes also as NIfTI. Then the graph is drawn, the
+// threshold changed to show that only what depends on it runs again, and the intermediate
+// images of the volume swapped to disk to show the memory they free.
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
 
+#include <vorn/operators/operators.hpp>
 #include <vorn/vorn.hpp>
-#include <zelData/Image.hpp>
 
-#include "MemorySwapImageIO.hpp"
+#include "DemoImages.hpp"
 
 namespace {
 
-using ImagePtr = boost::shared_ptr<vorn::ImageObject>;
+using demo::ImagePtr;
 
-ImagePtr imageAt(vorn::ProcessObject& op, unsigned output) {
-  return boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(output)->getData());
+ImagePtr outputOf(vorn::ProcessObject& op) {
+  return boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(0)->getData());
 }
 
-ImagePtr inputImage(vorn::ProcessObject& op, unsigned input) {
-  return boost::dynamic_pointer_cast<vorn::ImageObject>(op.getInputPort(input)->getData());
-}
-
-class SyntheticSource : public vorn::ProcessObject {
+// Hands out a prepared image.
+class SampleSource : public vorn::ProcessObject {
  public:
-  SyntheticSource() {
-    setName("SyntheticSource");
+  explicit SampleSource(ImagePtr image) : m_image(std::move(image)) {
+    setName("source");
     addOutput("ImageObject");
   }
-  void generateData() override {
-    vorn::Box box(2);
-    box.m_size[0] = 64;
-    box.m_size[1] = 48;
-    ImagePtr out = imageAt(*this, 0);
-    out->Allocate(vorn::PixelType::FLOAT, box);
-    float* pixels = static_cast<float*>(out->getBuffer());
-    for (int y = 0; y < 48; ++y) {
-      for (int x = 0; x < 64; ++x) {
-        const bool disc = std::hypot(x - 40.0, y - 24.0) < 12.0;
-        pixels[y * 64 + x] = static_cast<float>(x) + (disc ? 100.0f : 0.0f);
-      }
-    }
-  }
+  void generateData() override { outputOf(*this)->import(m_image.get(), this); }
+
+ private:
+  ImagePtr m_image;
 };
 
-// Mask of the pixels at or above the "level" parameter.
-class Threshold : public vorn::ProcessObject {
+// Remembers which operators computed.
+class RunRecorder : public vorn::IObserver {
  public:
-  Threshold() {
-    setName("Threshold");
-    addInput("ImageObject");
-    addOutput("ImageObject");
-    addParameter(new vorn::Parameter("level", "100"));
-  }
-  void generateData() override {
-    const float level = std::stof(getParameterValue("level"));
-    ImagePtr in = inputImage(*this, 0);
-    ImagePtr mask = imageAt(*this, 0);
-    mask->Allocate(vorn::PixelType::UCHAR, in->getBufferedRegion());
-    const float* pixels = static_cast<const float*>(in->getBuffer());
-    unsigned char* inside = static_cast<unsigned char*>(mask->getBuffer());
-    for (unsigned long k = 0; k < in->getPixelNumber(); ++k) inside[k] = pixels[k] >= level;
-  }
-};
-
-// Copies input 0 and zeroes every pixel outside the mask on input 1.
-class ApplyMask : public vorn::ProcessObject {
- public:
-  ApplyMask() {
-    setName("ApplyMask");
-    addInput("ImageObject");
-    addInput("ImageObject");
-    addOutput("ImageObject");
-  }
-  void generateData() override {
-    ImagePtr out = imageAt(*this, 0);
-    out->import(inputImage(*this, 0).get(), this);
-    vorn::restrictImageToRoi(out, inputImage(*this, 1));
-  }
-};
-
-class Statistics : public vorn::ProcessObject {
- public:
-  Statistics() {
-    setName("Statistics");
-    addInput("ImageObject");
-    addOutput("ImageObject");
-  }
-  void generateData() override {
-    ImagePtr in = inputImage(*this, 0);
-    const float* pixels = static_cast<const float*>(in->getBuffer());
-    kept = 0;
-    sum = 0.0;
-    for (unsigned long k = 0; k < in->getPixelNumber(); ++k) {
-      kept += pixels[k] != 0.0f;
-      sum += pixels[k];
-    }
-    imageAt(*this, 0)->import(in.get(), this);
-  }
-  unsigned long kept = 0;
-  double sum = 0.0;
-};
-
-class Announcer : public vorn::IObserver {
- public:
+  void onStartComputingData(vorn::ProcessObject* op) override { ran.insert(op->getName()); }
   void onDataHasBeenGenerated(vorn::ProcessObject*) override {}
-  void onStartComputingData(vorn::ProcessObject*) override {}
-  void onInvalidated(vorn::ProcessObject* op) override {
-    std::cout << "  (observer) " << op->getName() << " invalidated" << std::endl;
-  }
+  void onInvalidated(vorn::ProcessObject*) override {}
   void onValidated(vorn::ProcessObject*) override {}
   void onParameterHasBeenChanged(vorn::ProcessObject*) override {}
+  std::set<std::string> ran;
 };
+
+std::string number(double value) {
+  std::ostringstream text;
+  text << value;
+  return text.str();
+}
+
+// source -> gaussian -> threshold -> mask (source, threshold) -> stats
+struct Chain {
+  Chain(ImagePtr image, double lower) : source(std::move(image)) {
+    smooth.setName("gaussian");
+    threshold.setName("threshold");
+    mask.setName("mask");
+    stats.setName("stats");
+    smooth.setParameterValue("sigma", "1.5");
+    threshold.setParameterValue("lower", number(lower));
+    smooth.setInputPort(0, source.getOutputPort(0));
+    threshold.setInputPort(0, smooth.getOutputPort(0));
+    mask.setInputPort(0, source.getOutputPort(0));
+    mask.setInputPort(1, threshold.getOutputPort(0));
+    stats.setInputPort(0, mask.getOutputPort(0));
+  }
+  std::vector<vorn::ProcessObject*> stages() { return {&source, &smooth, &threshold, &mask}; }
+
+  SampleSource source;
+  vorn::GaussianSmoothing smooth;
+  vorn::BinaryThreshold threshold;
+  vorn::MaskOperator mask;
+  vorn::StatisticsOperator stats;
+};
+
+unsigned long insideCount(const vorn::ImageObject& mask) {
+  unsigned long count = 0;
+  for (unsigned long k = 0; k < mask.getPixelNumber(); ++k) count += demo::valueAt(mask, k) != 0;
+  return count;
+}
+
+double meanOf(const vorn::ImageObject& image) {
+  double sum = 0;
+  for (unsigned long k = 0; k < image.getPixelNumber(); ++k) sum += demo::valueAt(image, k);
+  return image.getPixelNumber() ? sum / double(image.getPixelNumber()) : 0.0;
+}
+
+// Runs the chain and writes every stage into `folder` as "<prefix>-<n>-<stage>".
+void runAndSave(Chain& chain, const std::string& folder, const std::string& prefix) {
+  chain.stats.update();
+  int n = 1;
+  for (vorn::ProcessObject* stage : chain.stages()) {
+    const ImagePtr image = outputOf(*stage);
+    const std::string stem =
+        folder + "/" + prefix + "-" + std::to_string(n++) + "-" + stage->getName();
+    if (image->getDimension() == 3) {
+      demo::saveMiddleSlices(*image, stem);
+      vorn::writeImageFile(*image, stem + ".nii.gz");
+    } else {
+      demo::savePng(*image, stem + ".png");
+    }
+  }
+  std::cout << "\nmask: " << insideCount(*outputOf(chain.threshold)) << " pixels inside of "
+            << outputOf(chain.threshold)->getPixelNumber() << "; stages written as " << folder
+            << "/" << prefix << "-*" << std::endl;
+}
+
+void drawGraph(Chain& chain, const std::string& folder) {
+  const std::string dot = folder + "/pipeline.dot";
+  std::ofstream(dot) << [&] {
+    std::ostringstream text;
+    vorn::writeGraphviz(text, chain.stats);
+    return text.str();
+  }();
+  std::cout << "\nThe pipeline's graph: " << dot;
+  if (std::system("command -v dot > /dev/null 2>&1") == 0 &&
+      std::system(("dot -Tpng " + dot + " -o " + folder + "/pipeline.png").c_str()) == 0) {
+    std::cout << " and " << folder << "/pipeline.png";
+  }
+  std::cout << std::endl;
+}
+
+void changeThreshold(Chain& chain, double lower) {
+  RunRecorder recorder;
+  for (vorn::ProcessObject* op : {static_cast<vorn::ProcessObject*>(&chain.source),
+                                  static_cast<vorn::ProcessObject*>(&chain.smooth),
+                                  static_cast<vorn::ProcessObject*>(&chain.threshold),
+                                  static_cast<vorn::ProcessObject*>(&chain.mask),
+                                  static_cast<vorn::ProcessObject*>(&chain.stats)})
+    op->attachObserver(&recorder);
+  std::cout << "\n== Threshold lowered to " << lower
+            << ": the brain joins the mask, and only what depends on the threshold runs ==\n";
+  chain.threshold.setParameterValue("lower", number(lower));
+  chain.stats.update();
+  std::cout << "\nran again:";
+  for (const std::string& name : recorder.ran) std::cout << " " << name;
+  std::cout << " (source and gaussian did not)\nmask: " << insideCount(*outputOf(chain.threshold))
+            << " pixels inside" << std::endl;
+  for (vorn::ProcessObject* op : chain.stages()) op->detachObserver(&recorder);
+  chain.stats.detachObserver(&recorder);
+}
+
+// Resident memory of this process, in MiB.
+double residentMiB() {
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  double kib = 0;
+  while (status >> key) {
+    if (key == "VmRSS:") {
+      status >> kib;
+      break;
+    }
+  }
+  return kib / 1024.0;
+}
+
+void swapIntermediates(Chain& chain, const std::string& folder) {
+  std::cout << "\n== Swapping the intermediate images (gaussian, threshold) to disk ==\n"
+            << "resident memory with every image in memory: " << residentMiB() << " MiB\n";
+  for (vorn::ProcessObject* op : {static_cast<vorn::ProcessObject*>(&chain.smooth),
+                                  static_cast<vorn::ProcessObject*>(&chain.threshold)}) {
+    const ImagePtr image = outputOf(*op);
+    image->setImageIO(
+        boost::shared_ptr<vorn::IImageIO>(new vorn::FileSwapImageIO(image.get(), folder)));
+    image->dump();
+  }
+  std::cout << "resident memory with them swapped out: " << residentMiB() << " MiB\n";
+  chain.stats.update();  // nothing is stale: the swapped images stay on disk
+  std::cout << "after an update that needs nothing: " << residentMiB() << " MiB\n";
+  std::cout << "reading the mask brings it back: " << insideCount(*outputOf(chain.threshold))
+            << " pixels inside, " << residentMiB() << " MiB" << std::endl;
+}
 
 }  // namespace
 
-int main() {
-  SyntheticSource source;
-  Statistics statistics;
-  {
-    vorn::BasePipeline segment;
-    segment.setName("segment");
-    boost::shared_ptr<Threshold> threshold(new Threshold);
-    boost::shared_ptr<ApplyMask> applyMask(new ApplyMask);
-    segment.registerOperator(threshold);
-    segment.registerOperator(applyMask);
-    segment.addInput("ImageObject");
-    segment.addOutput("ImageObject");
-    threshold->setInputPort(0, segment.getInputPort(0));
-    applyMask->setInputPort(0, segment.getInputPort(0));
-    applyMask->setInputPort(1, threshold->getOutputPort(0));
-    static_cast<vorn::PortProxy*>(segment.getOutputPort(0))->connectTo(applyMask->getOutputPort(0));
-    segment.setInputPort(0, source.getOutputPort(0));
-    statistics.setInputPort(0, segment.getOutputPort(0));
-
-    Announcer announcer;
-    statistics.attachObserver(&announcer);
-
-    std::cout << "\n== First update: every operator runs ==" << std::endl;
-    statistics.update();
-    std::cout << "kept " << statistics.kept << " pixels, sum " << statistics.sum << std::endl;
-
-    std::cout << "\n== Threshold level 140: only what depends on it runs again ==" << std::endl;
-    threshold->setParameterValue("level", "140");
-    statistics.update();
-    std::cout << "kept " << statistics.kept << " pixels, sum " << statistics.sum << std::endl;
-
-    std::cout << "\n== Second update with nothing changed: nothing runs ==" << std::endl;
-    statistics.update();
-    statistics.detachObserver(&announcer);
-
-    std::cout << "\n== Tearing the pipeline down ==" << std::endl;
+int main(int argc, char** argv) {
+  std::string folder = "vorn-demo", input;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--out" && i + 1 < argc) {
+      folder = argv[++i];
+    } else if (arg.empty() || arg[0] == '-') {
+      std::cerr << "usage: vorn_demo [--out FOLDER] [IMAGE.png | IMAGE.nii | IMAGE.nii.gz]\n";
+      return 2;
+    } else {
+      input = arg;
+    }
   }
+  try {
+    std::filesystem::create_directories(folder);
+    if (!input.empty()) {
+      const ImagePtr image(new vorn::ImageObject);
+      vorn::readImageFile(input, *image);
+      std::cout << "== " << input << ", threshold at its mean ==" << std::endl;
+      Chain chain(image, meanOf(*image));
+      runAndSave(chain, folder, "yours");
+      return 0;
+    }
+    std::cout << "== 2-D phantom (256 x 256, noisy): smooth, keep what is above 120 (the skull "
+                 "and a bright spot), mask =="
+              << std::endl;
+    Chain slice(demo::makePhantom2D(), 120);
+    runAndSave(slice, folder, "phantom");
 
-  std::cout << "\n== Swapping the result out through a storage hook, and back ==" << std::endl;
-  ImagePtr result = imageAt(statistics, 0);
-  result->setImageIO(boost::shared_ptr<vorn::IImageIO>(new MemorySwapImageIO(result.get())));
-  result->dump();
-  result->print();
-  const float* pixels = static_cast<const float*>(result->getBuffer());  // restores
-  std::cout << "restored, pixel (40, 24) = " << pixels[24 * 64 + 40] << std::endl;
-
-  std::cout << "\n== Handing the result to the host image, no pixel copied ==" << std::endl;
-  boost::shared_ptr<data::Image> host(new data::Image);
-  vorn::FromVornImage(result.get(), host);
-  std::cout << "host image: " << int(host->getDimension()) << " axes, " << host->getCRefSize()[0]
-            << " x " << host->getCRefSize()[1] << ", type " << host->getPixelType().string()
-            << ", same buffer: " << (host->getBuffer() == result->getBuffer()) << std::endl;
-  result->print();
+    std::cout << "\n== 3-D head (96 x 112 x 96): the same pipeline ==" << std::endl;
+    Chain head(demo::makeHeadVolume(), 120);
+    runAndSave(head, folder, "head");
+    drawGraph(head, folder);
+    changeThreshold(head, 100);
+    swapIntermediates(head, folder);
+    std::cout << "\nEverything is in " << folder << "/" << std::endl;
+  } catch (const std::exception& error) {
+    std::cerr << "vorn_demo: " << error.what() << std::endl;
+    return 1;
+  }
   return 0;
 }

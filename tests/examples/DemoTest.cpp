@@ -1,0 +1,101 @@
+// The demo as a user runs it: on its built-in samples, then on an image file of its own output.
+// Checks the files it writes and, against an independent count in the written mask files, the
+// mask sizes it prints.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "vorn/ImageObject.hpp"
+#include "vorn/operators/ImageFile.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Runs the demo with `arguments`; its standard output, or "" when it fails.
+std::string runDemo(const std::string& arguments, const fs::path& log) {
+  const std::string command = std::string(VORN_DEMO) + " " + arguments + " > " + log.string();
+  if (std::system(command.c_str()) != 0) return "";
+  std::ifstream file(log);
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+std::vector<unsigned long> maskCounts(const std::string& text) {
+  std::vector<unsigned long> counts;
+  const std::regex line(R"(\nmask: (\d+) pixels inside)");
+  for (auto m = std::sregex_iterator(text.begin(), text.end(), line); m != std::sregex_iterator();
+       ++m) {
+    counts.push_back(std::stoul((*m)[1]));
+  }
+  return counts;
+}
+
+std::vector<unsigned long> sizesOf(const vorn::ImageObject& image) {
+  const vorn::Box& box = image.getBufferedRegion();
+  return {box.m_size, box.m_size + box.m_dimension};
+}
+
+unsigned long nonZero(const vorn::ImageObject& mask) {
+  const auto* pixels = static_cast<const unsigned char*>(mask.getBuffer());
+  unsigned long count = 0;
+  for (unsigned long k = 0; k < mask.getPixelNumber(); ++k) count += pixels[k] != 0;
+  return count;
+}
+
+std::unique_ptr<vorn::ImageObject> read(const fs::path& path) {
+  auto image = std::make_unique<vorn::ImageObject>();
+  vorn::readImageFile(path.string(), *image);
+  return image;
+}
+
+// Tests the run on the built-in samples: every stage's files, their sizes, the masks' counts,
+// the graph, and the memory the swap frees.
+TEST(Demo, BuiltInSamples) {
+  const fs::path folder = fs::temp_directory_path() / "vorn-demo-test";
+  fs::remove_all(folder);
+  const std::string out = runDemo("--out " + folder.string(), folder.string() + ".log");
+  ASSERT_FALSE(out.empty());
+  const std::vector<std::string> stages = {"1-source", "2-gaussian", "3-threshold", "4-mask"};
+  for (const std::string& stage : stages) {
+    EXPECT_EQ((std::vector<unsigned long>{256, 256}),
+              sizesOf(*read(folder / ("phantom-" + stage + ".png"))));
+    EXPECT_EQ((std::vector<unsigned long>{96, 112, 96}),
+              sizesOf(*read(folder / ("head-" + stage + ".nii.gz"))));
+    EXPECT_EQ((std::vector<unsigned long>{112, 96}),
+              sizesOf(*read(folder / ("head-" + stage + "-axis0.png"))));
+    EXPECT_EQ((std::vector<unsigned long>{96, 112}),
+              sizesOf(*read(folder / ("head-" + stage + "-axis2.png"))));
+  }
+  const std::vector<unsigned long> counts = maskCounts(out);
+  ASSERT_EQ(3u, counts.size());
+  EXPECT_EQ(nonZero(*read(folder / "phantom-3-threshold.png")), counts[0]);
+  EXPECT_EQ(nonZero(*read(folder / "head-3-threshold.nii.gz")), counts[1]);
+  EXPECT_GT(counts[2], counts[1]);  // the lower threshold takes the brain in
+  EXPECT_NE(std::string::npos, out.find("ran again: mask stats threshold (source and gaussian"));
+  EXPECT_GT(fs::file_size(folder / "pipeline.dot"), 100u);
+  fs::remove_all(folder);
+}
+
+// Tests the run on a file of the user's (here one of the demo's own PNGs), and the refusal of
+// a file that is not there.
+TEST(Demo, OwnImage) {
+  const fs::path folder = fs::temp_directory_path() / "vorn-demo-own";
+  fs::remove_all(folder);
+  ASSERT_FALSE(runDemo("--out " + folder.string(), folder.string() + ".log").empty());
+  const std::string out =
+      runDemo("--out " + folder.string() + " " + (folder / "phantom-1-source.png").string(),
+              folder.string() + ".log");
+  ASSERT_FALSE(out.empty());
+  EXPECT_EQ(nonZero(*read(folder / "yours-3-threshold.png")), maskCounts(out).at(0));
+  EXPECT_EQ("", runDemo("--out " + folder.string() + " /no/such/file.png", folder / "err.log"));
+  fs::remove_all(folder);
+}
+
+}  // namespace
