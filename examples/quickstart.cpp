@@ -1,8 +1,8 @@
 // An operator of your own between two of the library's, updated on demand.
 #include <iostream>
 
-#include <vorn/vorn.hpp>
 #include <vorn/operators/operators.hpp>
+#include <vorn/vorn.hpp>
 
 // 255 - pixel, for 8-bit images.
 class Invert : public vorn::ProcessObject {
