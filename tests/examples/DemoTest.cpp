@@ -98,4 +98,23 @@ TEST(Demo, OwnImage) {
   fs::remove_all(folder);
 }
 
+// Tests the demo on a real photograph from outside the project: Debian's scikit-image package
+// ships a few (install-deps.sh installs it).
+TEST(Demo, RealPhotograph) {
+  const fs::path photo = "/usr/lib/python3/dist-packages/skimage/data/coins.png";
+  if (!fs::exists(photo)) GTEST_SKIP() << photo << " is not installed";
+  const fs::path folder = fs::temp_directory_path() / "vorn-demo-photo";
+  fs::remove_all(folder);
+  const std::string out =
+      runDemo("--out " + folder.string() + " " + photo.string(), folder.string() + ".log");
+  ASSERT_FALSE(out.empty());
+  const auto mask = read(folder / "yours-3-threshold.png");
+  EXPECT_EQ((std::vector<unsigned long>{384, 303}), sizesOf(*mask));
+  const unsigned long inside = nonZero(*mask);
+  EXPECT_EQ(inside, maskCounts(out).at(0));
+  EXPECT_GT(inside, mask->getPixelNumber() / 4);  // the coins, brighter than the mean
+  EXPECT_LT(inside, mask->getPixelNumber() * 3 / 4);
+  fs::remove_all(folder);
+}
+
 }  // namespace
