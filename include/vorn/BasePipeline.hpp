@@ -35,6 +35,7 @@ namespace vorn {
 class Port;
 class RoiObject;
 
+// An operator made of operators, exposing some of their ports as its own.
 class VORN_API BasePipeline : public ProcessObject {
  public:
   // Named "No named pipeline"; no ports, no operators, no region.
@@ -45,6 +46,7 @@ class VORN_API BasePipeline : public ProcessObject {
   // flag directly (no event). An output leading to no data is reported with one line. A
   // pipeline destroyed by an observer meanwhile ends it with std::ios_base::failure.
   void update() override;
+  // True: a pipeline is a composite.
   bool isComposite() override;
   // "\nPIPELINE PORTS ...\n", the operator's own print, then each inner operator's.
   void print() const override;
@@ -71,7 +73,9 @@ class VORN_API BasePipeline : public ProcessObject {
   void unRegisterOperator(boost::shared_ptr<ProcessObject> op);
   // Looks in this pipeline's own list only, not in nested pipelines.
   bool isContainingProcessObject(boost::shared_ptr<const ProcessObject> op) const;
+  // Whether `op` is registered here (directly, not in a nested pipeline).
   bool isContainingProcessObject(const ProcessObject* op) const;
+  // The registered operators, in registration order.
   std::vector<ProcessObject*> getOperators() const;
   // Deletes one of the pipeline's own ports; later ports move down one index.
   void removePort(Port* port);
@@ -81,6 +85,7 @@ class VORN_API BasePipeline : public ProcessObject {
   void setRequestedRegionOfInterest(boost::shared_ptr<RoiObject const> roi);
   // The per-output request of the operator part stays reachable too.
   using ProcessObject::setRequestedRegionOfInterest;
+  // Hands the pipeline-wide region to the input and source operators again.
   void manageResquestedROIassignation();
   // Requests the pipeline's region on every output of `op` whose request differs from it, with
   // one line per output.

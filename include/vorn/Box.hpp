@@ -15,15 +15,19 @@
 
 namespace vorn {
 
+// An N-dimensional box of integer starts and sizes, one per axis.
 class VORN_API Box {
  public:
   Box();
+  // A box of `dimension` axes, starts and sizes 0.
   explicit Box(unsigned int dimension);
+  // A deep copy.
   Box(const Box& other);
   ~Box();
 
   // Reuses the arrays when the dimensions match; self-assignment changes nothing.
   void operator=(const Box& other);
+  // Same dimension, starts and sizes.
   bool operator==(const Box& other) const;
 
   // Product of the sizes in unsigned long arithmetic (wraps on overflow); 0 for no axes.
@@ -32,6 +36,7 @@ class VORN_API Box {
 
   // Address, dimension, every start, then every size; one line each.
   void printSelf(std::ostream& os) const;
+  // printSelf to std::cout.
   void print() const;
 
  private:
@@ -43,9 +48,9 @@ class VORN_API Box {
   void desallocateBoxBuffers();
 
  public:
-  long* m_start;          // owning array of m_dimension starts
-  unsigned long* m_size;  // owning array of m_dimension sizes
-  unsigned int m_dimension;
+  long* m_start;             // owning array of m_dimension starts
+  unsigned long* m_size;     // owning array of m_dimension sizes
+  unsigned int m_dimension;  // the number of axes
 };
 
 }  // namespace vorn

@@ -8,11 +8,13 @@
 
 namespace vorn {
 
+// A region of interest that is a box.
 class VORN_API BoxRoi : public RoiObject {
  public:
   // The empty box (no axes).
   BoxRoi();
 
+  // The box; its own bounding box.
   const Box& getBox() const;
   // Deep copy of `box`.
   void setBox(const Box& box);

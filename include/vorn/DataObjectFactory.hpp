@@ -12,6 +12,7 @@ namespace vorn {
 
 class DataObject;
 
+// Makes data objects from their type names ("ImageObject").
 class VORN_API DataObjectFactory {
  public:
   virtual ~DataObjectFactory();

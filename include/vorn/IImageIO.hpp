@@ -19,21 +19,27 @@ namespace vorn {
 
 class ImageObject;
 
+// An image's storage hook: moves its contents away (dump) and back (restore).
 class VORN_API IImageIO {
  public:
+  // The hook of `image` (not owned; the image owns its hook).
   explicit IImageIO(ImageObject* image);
   virtual ~IImageIO();
 
+  // Brings the image's contents back; nothing when not dumped.
   virtual void restore() = 0;
+  // Moves the image's contents away.
   virtual void dump() = 0;
+  // Whether the contents are away.
   virtual bool isDumped() = 0;
   // The lock flag is stored for clients and subclasses; vorn itself never reads it.
   virtual void setLock(bool lock);
+  // Whether a dump or restore is under way (the image must not call back).
   virtual bool isLocked();
 
  protected:
   ImageObject* m_image;  // back-pointer to the image served; the image owns this hook
-  bool m_lock;
+  bool m_lock;           // set while a dump or restore is under way
 };
 
 }  // namespace vorn

@@ -14,6 +14,7 @@ namespace vorn {
 
 class ProcessObject;
 
+// Listens to an operator's five events.
 class VORN_API IObserver {
  public:
   virtual ~IObserver();

@@ -38,6 +38,7 @@
 
 namespace vorn {
 
+// An N-dimensional image of 8-bit unsigned, 16-bit signed or float pixels.
 class VORN_API ImageObject : public DataObject {
  public:
   // Empty image: dimension 0, pixel type UNKNOWN, no buffers, owning flag true.
@@ -93,14 +94,22 @@ class VORN_API ImageObject : public DataObject {
   // or above getDimension() is refused with one line: getters answer 0.0, setters change
   // nothing. All restore.
   const double* getSpacing() const;
+  // The spacing of `axis`.
   double getSpacing(unsigned int axis) const;
+  // Sets the spacing of `axis`.
   void setSpacing(unsigned int axis, double value);
+  // The origin, one value per axis.
   const double* getOrigin() const;
+  // The origin of `axis`.
   double getOrigin(unsigned int axis) const;
+  // Sets the origin of `axis`.
   void setOrigin(unsigned int axis, double value);
 
+  // Whether the image frees its buffer (see Buffer ownership above).
   void manageItsBuffer(bool manage);
+  // Whether the image frees its buffer.
   bool getManageItsBuffer();
+  // The storage hook.
   boost::shared_ptr<IImageIO> getImageIO();
   // Replaces the hook. An empty pointer is refused with one line: the image always has a hook.
   void setImageIO(boost::shared_ptr<IImageIO> imageIO);

@@ -22,12 +22,14 @@ namespace vorn {
 class DataObject;
 class ImageObject;
 
+// A region of interest given by a mask image.
 class VORN_API MaskRoi : public RoiObject {
  public:
   MaskRoi();
 
   // Keeps `data` when it is an image; anything else leaves the region without mask.
   void setMaskImage(boost::shared_ptr<DataObject> data);
+  // The mask image, or null while there is none.
   boost::shared_ptr<ImageObject> getMaskImage() const;
   // The mask image's buffered region; the empty box while there is no mask image.
   const Box& getBoundingBox() const override;

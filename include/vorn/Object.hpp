@@ -8,9 +8,11 @@
 
 namespace vorn {
 
+// The root of operators and data objects: what can be updated.
 class VORN_API Object {
  public:
   virtual ~Object();
+  // Brings the object up to date.
   virtual void update() = 0;
 };
 

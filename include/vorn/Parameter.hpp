@@ -11,16 +11,23 @@
 
 namespace vorn {
 
+// An operator's text parameter: an ID name and a value.
 class VORN_API Parameter {
  public:
   Parameter();
+  // A parameter named `idName` with an empty value.
   explicit Parameter(const std::string& idName);
+  // A parameter named `idName` holding `value`.
   Parameter(const std::string& idName, const std::string& value);
   virtual ~Parameter();
 
+  // The name by which operators look the parameter up.
   const std::string& getIDName() const;
+  // The value, as text.
   const std::string& getValue() const;
+  // Renames the parameter.
   void setIDName(const std::string& idName);
+  // Replaces the value; invalidates nothing by itself.
   void setValue(const std::string& value);
 
   // Exact comparison: case matters, blanks are not trimmed.
@@ -44,8 +51,10 @@ class VORN_API Parameter {
 template <class T>
 T Convert(std::string value);
 template <>
+// The number in `value` as an unsigned char.
 VORN_API unsigned char Convert<unsigned char>(std::string value);
 template <>
+// The number in `value` as a char.
 VORN_API char Convert<char>(std::string value);
 
 }  // namespace vorn

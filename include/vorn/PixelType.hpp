@@ -14,6 +14,7 @@
 
 namespace vorn {
 
+// The pixel types of images.
 struct VORN_API PixelType {
   // 32-bit storage: a value read back from anywhere (even -1 or 4) is a valid Type.
   enum Type : std::int32_t { UNKNOWN = 0, UCHAR = 1, SHORT = 2, FLOAT = 3 };
@@ -33,10 +34,13 @@ VORN_API PixelType::Type getPixelType(const std::string& name);
 template <class T>
 PixelType::Type returnPixelType();
 template <>
+// UCHAR.
 VORN_API PixelType::Type returnPixelType<unsigned char>();
 template <>
+// SHORT.
 VORN_API PixelType::Type returnPixelType<short>();
 template <>
+// FLOAT.
 VORN_API PixelType::Type returnPixelType<float>();
 
 }  // namespace vorn

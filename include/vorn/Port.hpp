@@ -27,8 +27,10 @@ class DataObject;
 class PortProxy;
 class ProcessObject;
 
+// An operator's typed connection point; the readers connected to it.
 class VORN_API Port {
  public:
+  // A port of `dataType` belonging to `parent` (its owner).
   Port(const std::string& dataType, ProcessObject* parent);
   // Data type "Unspecified DataObject", no parent.
   Port();
@@ -41,8 +43,11 @@ class VORN_API Port {
   // The data available at this port; empty when there is none.
   virtual boost::shared_ptr<DataObject> getData() const = 0;
 
+  // The data type name the port carries ("ImageObject").
   const std::string& getRelatedDataType() const;
+  // The operator the port belongs to.
   const ProcessObject* getParent() const;
+  // The operator the port belongs to.
   ProcessObject* getParent();
   // Number of input ports connected to this one. Constant time.
   unsigned int getNumberOfUse() const;
@@ -50,6 +55,7 @@ class VORN_API Port {
   const std::set<PortProxy*>& getAttachedProxies() const;
   // Insert or remove a reader; no change when already present or absent. Logarithmic.
   void registerAttachement(PortProxy* proxy) const;
+  // Removes a reader; nothing when it is absent.
   void unRegisterAttachement(PortProxy* proxy) const;
   // Disconnects every input port connected to this one, highest address first; each
   // disconnection invalidates that input port's operator. An exception from an observer is

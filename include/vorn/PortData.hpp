@@ -18,6 +18,7 @@ namespace internal {
 DataObject* peekData(const Port* port, boost::shared_ptr<DataObject>& holder);
 }  // namespace internal
 
+// An output port: owns the data object its operator generates.
 class VORN_API PortData : public Port {
  public:
   // For a data type the factory does not know, the factory says so and the port holds no data.

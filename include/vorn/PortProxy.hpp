@@ -12,8 +12,10 @@
 
 namespace vorn {
 
+// An input port: reads the data of the port it is connected to.
 class VORN_API PortProxy : public Port {
  public:
+  // An unconnected input port of `dataType` belonging to `parent`.
   PortProxy(const std::string& dataType, ProcessObject* parent);
   // Leaves its connection silently (nobody is invalidated), then disconnects the input ports
   // chained to it.
@@ -35,6 +37,7 @@ class VORN_API PortProxy : public Port {
   virtual void disconnect();
   // Whether the connection is `port`; an unconnected port answers true for null.
   virtual bool isConnectedTo(const Port* port) const;
+  // The port this one reads, or null.
   virtual const Port* getConnection() const;
   // Ports are always created non-const by their operator, so handing out the stored pointer
   // as non-const is safe.

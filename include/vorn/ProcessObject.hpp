@@ -62,6 +62,7 @@ namespace internal {
 class InvalidationScope;
 }
 
+// The base of every operator: ports, parameters, observers, update, invalidation.
 class VORN_API ProcessObject : public Object {
  public:
   // No ports, empty name, invalidated, no parent, no observers.
@@ -81,14 +82,17 @@ class VORN_API ProcessObject : public Object {
   // invalidated. An up-to-date operator costs a walk over its own inputs only. Refused too
   // deep in a chain and when the operator is destroyed under it (see the top of this file).
   void update() override;
+  // Whether this is a composite (a pipeline); false here.
   virtual bool isComposite();
   // Settles each output's region just before a computation: its requested region, or else the
   // region of input 0's data when that data comes from the same composite (same parent);
   // nothing at all while the ignore-previous flag is set.
   virtual void generateOutputRegionOfInterest();
+  // The name given by setName (empty at first).
   virtual const std::string& getName() const;
   // The framed description: address, name, flag, parent, then every port and parameter.
   virtual void print() const;
+  // Whether the outputs are stale.
   virtual bool isInvalidated();
   // With repercussion on: sets the flag, fires onInvalidated, then invalidates, depth first,
   // each operator reading an output that is not already invalidated (composites by their own
@@ -103,37 +107,54 @@ class VORN_API ProcessObject : public Object {
   // The computation.
   virtual void generateData() = 0;
 
+  // Names the operator (in its timing line, errors and graphs).
   void setName(const std::string& name);
+  // The pipeline containing this operator, or null.
   const ProcessObject* getParent() const;
+  // Records the containing pipeline (pipelines do this when registering).
   void setParent(const ProcessObject* parent);
 
   // Appends an input port of `dataType`. Invalidates nothing.
   void addInput(const std::string& dataType);
+  // How many input ports.
   unsigned int getNumberOfInputPorts() const;
+  // How many output ports.
   unsigned int getNumberOfOutputPorts() const;
   // The port at `index`, or null when there is none.
   PortProxy* getInputPort(unsigned int index);
+  // The input port at `index`, or null.
   const PortProxy* getInputPort(unsigned int index) const;
+  // The output port at `index`, or null.
   Port* getOutputPort(unsigned int index);
+  // The output port at `index`, or null.
   const Port* getOutputPort(unsigned int index) const;
   // Connects input `index` to `port` (null disconnects), then invalidates this operator
   // whatever the connection's outcome. An index out of range is refused with one line.
   void setInputPort(unsigned int index, const Port* port);
+  // Disconnects every input port, each invalidating this operator.
   void disconnectAllInputPorts();
   // Disconnects every reader of every output, highest address first per port.
   void disconnectAllOutputPorts();
+  // disconnectAllInputPorts, then disconnectAllOutputPorts.
   void disconnectAllPorts();
 
   // Observers are notified in ascending address order; attaching twice keeps one entry. An
   // observer that throws ends the notification there, except for onInvalidated: the others
   // still hear of it, then the first exception is rethrown.
   void attachObserver(IObserver* observer);
+  // Stops notifying `observer`; nothing when it is not attached.
   void detachObserver(IObserver* observer);
+  // Tells the observers the computation has written its outputs.
   void fireOnDataHasBeenGenerated();
+  // Tells the observers a computation starts.
   void fireOnStartComputingData();
+  // Tells the observers the operator was invalidated.
   void fireOnInvalidated();
+  // Tells the observers the operator was validated.
   void fireOnValidated();
+  // Tells the observers a parameter changed.
   void fireOnParameterHasBeenChanged();
+  // fireOnDataHasBeenGenerated, for what ends a computation.
   void notifyDataHasBeenGenerated();
 
   // Whether update() is running for this operator, further up the stack.
@@ -156,13 +177,16 @@ class VORN_API ProcessObject : public Object {
   // then the operator is invalidated (also for the same or an empty region). An index without
   // output data is refused with one line.
   void setRequestedRegionOfInterest(unsigned int index, boost::shared_ptr<RoiObject const> roi);
+  // Whether output regions are left as they are before computations.
   bool isIgnorePreviousROI();
   // Changes no region and invalidates nothing by itself.
   void setIgnorePreviousROI(bool ignore);
 
   // Takes ownership. Duplicate ID names are kept; the first one added wins every lookup.
   void addParameter(Parameter* parameter);
+  // The parameters, in insertion order (owned by the operator).
   std::vector<Parameter*>& getParameters();
+  // The parameters, in insertion order.
   std::vector<const Parameter*> getParameters() const;
   // The value of the first parameter named `idName`, or Parameter::NoValueForIDName.
   const std::string& getParameterValue(const std::string& idName);
@@ -177,11 +201,11 @@ class VORN_API ProcessObject : public Object {
   std::vector<PortProxy*> m_inputs;      // owning; entries nulled while being deleted
   std::vector<Port*> m_outputs;          // owning; PortData here, PortProxy in composites
   std::vector<Parameter*> m_parameters;  // owning, in insertion order
-  std::string m_name;
-  bool m_invalidated;             // a new operator is invalidated
-  const ProcessObject* m_parent;  // back-pointer to the containing pipeline, or null
-  bool m_ignorePreviousROI;
-  std::set<IObserver*> m_observers;  // non-owning, ordered by address
+  std::string m_name;                    // set by setName
+  bool m_invalidated;                    // a new operator is invalidated
+  const ProcessObject* m_parent;         // back-pointer to the containing pipeline, or null
+  bool m_ignorePreviousROI;              // see setIgnorePreviousROI
+  std::set<IObserver*> m_observers;      // non-owning, ordered by address
 
  private:
   friend class internal::InvalidationScope;  // marks plain operators in line (ProcessObject.cpp)

@@ -10,11 +10,13 @@
 
 namespace vorn {
 
+// The process-wide switch between pulling updates and recomputing one operator.
 class VORN_API Repercussion {
  public:
   Repercussion();
   virtual ~Repercussion();
 
+  // Whether repercussion is on (the default).
   static bool isEnable();
   // Stores `enable` and returns the value it had before.
   static bool setEnable(bool enable);

@@ -13,6 +13,7 @@ namespace vorn {
 
 class Box;
 
+// A region of interest: something with a bounding box.
 class VORN_API RoiObject {
  public:
   virtual ~RoiObject();
@@ -20,6 +21,7 @@ class VORN_API RoiObject {
   virtual const Box& getBoundingBox() const = 0;
   // A hook for derived regions; does nothing here and nothing in vorn calls it.
   virtual void updateROI(const Box& box);
+  // Writes a description of the region to `os`.
   virtual void printSelf(std::ostream& os) const = 0;
 };
 

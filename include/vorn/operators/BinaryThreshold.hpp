@@ -17,6 +17,7 @@
 
 namespace vorn {
 
+// A UCHAR image: inside where lower <= value <= upper, outside elsewhere.
 class VORN_OPERATORS_API BinaryThreshold : public ProcessObject {
  public:
   BinaryThreshold();

@@ -16,6 +16,7 @@
 
 namespace vorn {
 
+// Converts an image to another pixel type, rounding and clamping.
 class VORN_OPERATORS_API CastOperator : public ProcessObject {
  public:
   CastOperator();

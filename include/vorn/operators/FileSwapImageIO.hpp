@@ -36,16 +36,21 @@
 
 namespace vorn {
 
+// A storage hook that moves an image's pixels to a file while dumped.
 class VORN_OPERATORS_API FileSwapImageIO : public IImageIO {
  public:
+  // The hook of `image`, swapping into `directory` (empty: the system temporary folder).
   explicit FileSwapImageIO(ImageObject* image, std::string directory = "");
   // Removes a swap file still there.
   ~FileSwapImageIO() override;
   FileSwapImageIO(const FileSwapImageIO&) = delete;
   FileSwapImageIO& operator=(const FileSwapImageIO&) = delete;
 
+  // Writes the pixels to a new file and frees them (see above).
   void dump() override;
+  // Reads the pixels back and removes the file (see above).
   void restore() override;
+  // Whether the pixels are in the file.
   bool isDumped() override;
   // The file holding the pixels; empty while nothing is swapped out.
   const std::string& getSwapFile() const;

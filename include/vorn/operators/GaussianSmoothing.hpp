@@ -25,6 +25,7 @@
 
 namespace vorn {
 
+// Gaussian smoothing into a float image, by separable passes.
 class VORN_OPERATORS_API GaussianSmoothing : public ProcessObject {
  public:
   GaussianSmoothing();

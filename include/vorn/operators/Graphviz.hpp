@@ -27,6 +27,7 @@ namespace vorn {
 
 // Null roots are skipped.
 VORN_OPERATORS_API void writeGraphviz(std::ostream& os, const std::vector<ProcessObject*>& roots);
+// The graph of everything upstream of `root`.
 VORN_OPERATORS_API void writeGraphviz(std::ostream& os, ProcessObject& root);
 
 }  // namespace vorn

@@ -34,7 +34,9 @@ namespace vorn {
 // An image file that cannot be read or written: what() is "<path>: <what is wrong>".
 class VORN_OPERATORS_API ImageFileError : public std::runtime_error {
  public:
+  // What went wrong (`problem`) with the file at `path`.
   ImageFileError(const std::string& path, const std::string& problem);
+  // The file at fault.
   const std::string& getPath() const;
 
  private:

@@ -15,6 +15,7 @@
 
 namespace vorn {
 
+// An operator reading a PNG or NIfTI-1 file, recognised by its content.
 class VORN_OPERATORS_API ImageFileReader : public ProcessObject {
  public:
   ImageFileReader();

@@ -22,19 +22,23 @@
 
 namespace vorn {
 
+// An operator writing its input to a PNG or NIfTI-1 file.
 class VORN_OPERATORS_API ImageFileWriter : public ProcessObject {
  public:
   ImageFileWriter();
   ~ImageFileWriter() override;
   void generateData() override;
 
+  // Deferred: the file is written to a temporary file until commit().
   void setDeferredCommit(bool deferred);
+  // Whether writing is deferred.
   bool getDeferredCommit() const;
   // Renames the pending file over its target; nothing when none is pending. On failure the
   // pending file is removed and ImageFileError is thrown; the target is left as it was.
   void commit();
   // Removes the pending file; nothing when none is pending.
   void discard();
+  // Whether a deferred file waits for commit() or discard().
   bool hasPendingFile() const;
 
  private:

@@ -13,6 +13,7 @@
 
 namespace vorn {
 
+// Input 0 with every pixel outside the mask on input 1 set to zero.
 class VORN_OPERATORS_API MaskOperator : public ProcessObject {
  public:
   MaskOperator();

@@ -21,19 +21,21 @@
 
 namespace vorn {
 
+// One parameter of a catalog operator, with its default and help.
 struct OperatorParameterInfo {
-  std::string name;
-  std::string defaultValue;
-  std::string help;  // one short line
+  std::string name;          // as written in pipeline text
+  std::string defaultValue;  // its value when not given
+  std::string help;          // one short line
 };
 
+// A catalog entry: an operator by its command-line name.
 struct OperatorInfo {
-  std::string name;  // the command-line name, such as "gaussian"
-  std::string summary;
-  std::vector<OperatorParameterInfo> parameters;
-  unsigned int inputs;
-  unsigned int outputs;
-  boost::shared_ptr<ProcessObject> (*create)();
+  std::string name;                               // the command-line name, such as "gaussian"
+  std::string summary;                            // one line for the help text
+  std::vector<OperatorParameterInfo> parameters;  // in the order of the help text
+  unsigned int inputs;                            // number of input ports
+  unsigned int outputs;                           // number of output ports
+  boost::shared_ptr<ProcessObject> (*create)();   // makes a new operator of this kind
 };
 
 // Every operator, in the order --help lists them.

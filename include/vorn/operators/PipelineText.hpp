@@ -53,11 +53,13 @@ class VORN_OPERATORS_API PipelineRunError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A pipeline of catalog operators built from text, as vorn-run takes it.
 class VORN_OPERATORS_API TextPipeline {
  public:
   // Longer texts are refused: updates recurse once per stage upstream.
   static constexpr std::size_t kMaxStages = 1000;
 
+  // The pipeline `text` describes; PipelineTextError when it describes none.
   static std::unique_ptr<TextPipeline> build(const std::string& text);
   ~TextPipeline();
   TextPipeline(const TextPipeline&) = delete;

@@ -25,20 +25,23 @@
 
 namespace vorn {
 
+// The figures of a StatisticsOperator computation; NaN pixels left out.
 struct ImageStatistics {
-  unsigned long count = 0;
-  double min = 0.0;
-  double max = 0.0;
-  double mean = 0.0;
-  double stddev = 0.0;  // population: divided by count
-  double sum = 0.0;
+  unsigned long count = 0;  // pixels counted (NaN left out)
+  double min = 0.0;         // smallest value
+  double max = 0.0;         // largest value
+  double mean = 0.0;        // sum divided by count
+  double stddev = 0.0;      // population: divided by count
+  double sum = 0.0;         // compensated sum
 };
 
+// Count, min, max, mean, standard deviation and sum of an image.
 class VORN_OPERATORS_API StatisticsOperator : public ProcessObject {
  public:
   StatisticsOperator();
   void generateData() override;
 
+  // Where the statistics line goes; null silences it (not owned).
   void setStream(std::ostream* stream);
   // The figures of the last computation; all 0 before the first.
   const ImageStatistics& getStatistics() const;
