@@ -7,6 +7,8 @@
 // output folder (default vorn-demo), volumes also as NIfTI. Then the graph is drawn, the
 // threshold changed to show that only what depends on it runs again, and the intermediate
 // images of the volume swapped to disk to show the memory they free.
+#include <malloc.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -150,13 +152,13 @@ void changeThreshold(Chain& chain, double lower) {
   chain.stats.detachObserver(&recorder);
 }
 
-// Resident memory of this process, in MiB.
-double residentMiB() {
+// A field of /proc/self/status ("VmRSS:", "VmHWM:"), in MiB.
+double statusMiB(const std::string& field) {
   std::ifstream status("/proc/self/status");
   std::string key;
   double kib = 0;
   while (status >> key) {
-    if (key == "VmRSS:") {
+    if (key == field) {
       status >> kib;
       break;
     }
@@ -164,26 +166,60 @@ double residentMiB() {
   return kib / 1024.0;
 }
 
-void swapIntermediates(Chain& chain, const std::string& folder) {
-  std::cout << "\n== Swapping the intermediate images (gaussian, threshold) to disk ==\n"
-            << "resident memory with every image in memory: " << residentMiB() << " MiB\n";
-  for (vorn::ProcessObject* op : {static_cast<vorn::ProcessObject*>(&chain.smooth),
-                                  static_cast<vorn::ProcessObject*>(&chain.threshold)}) {
-    const ImagePtr image = outputOf(*op);
-    image->setImageIO(
-        boost::shared_ptr<vorn::IImageIO>(new vorn::FileSwapImageIO(image.get(), folder)));
-    image->dump();
+// Swaps `image` to disk once the operator it observes, the image's last reader, has computed.
+class SwapAfterUse : public vorn::IObserver {
+ public:
+  explicit SwapAfterUse(ImagePtr image) : m_image(std::move(image)) {}
+  void onDataHasBeenGenerated(vorn::ProcessObject*) override { m_image->dump(); }
+  void onStartComputingData(vorn::ProcessObject*) override {}
+  void onInvalidated(vorn::ProcessObject*) override {}
+  void onValidated(vorn::ProcessObject*) override {}
+  void onParameterHasBeenChanged(vorn::ProcessObject*) override {}
+
+ private:
+  ImagePtr m_image;
+};
+
+// How much the resident size grows at its peak while a new chain on `volume` computes, with or
+// without its intermediate images swapped to disk as soon as they have been read.
+double computationPeakMiB(const ImagePtr& volume, const std::string& folder, bool swap) {
+  Chain chain(volume, 100);
+  SwapAfterUse smoothed(outputOf(chain.smooth)), thresholded(outputOf(chain.threshold));
+  if (swap) {
+    for (vorn::ProcessObject* op : {static_cast<vorn::ProcessObject*>(&chain.smooth),
+                                    static_cast<vorn::ProcessObject*>(&chain.threshold)}) {
+      const ImagePtr image = outputOf(*op);
+      image->setImageIO(
+          boost::shared_ptr<vorn::IImageIO>(new vorn::FileSwapImageIO(image.get(), folder)));
+    }
+    chain.threshold.attachObserver(&smoothed);  // the Gaussian's output is read last here
+    chain.mask.attachObserver(&thresholded);    // and the threshold's here
   }
-  std::cout << "resident memory with them swapped out: " << residentMiB() << " MiB\n";
-  chain.stats.update();  // nothing is stale: the swapped images stay on disk
-  std::cout << "after an update that needs nothing: " << residentMiB() << " MiB\n";
-  std::cout << "reading the mask brings it back: " << insideCount(*outputOf(chain.threshold))
-            << " pixels inside, " << residentMiB() << " MiB" << std::endl;
+  const double before = statusMiB("VmRSS:");
+  std::ofstream("/proc/self/clear_refs") << "5";  // resets the peak to the present size
+  chain.stats.update();
+  const double peak = statusMiB("VmHWM:") - before;
+  chain.threshold.detachObserver(&smoothed);
+  chain.mask.detachObserver(&thresholded);
+  return peak;
+}
+
+void swapIntermediates(const std::string& folder) {
+  std::cout << "\n== Swapping intermediate images to disk (FileSwapImageIO) ==" << std::endl;
+  const ImagePtr volume = demo::makeHeadVolume();
+  const double inMemory = computationPeakMiB(volume, folder, false);
+  const double swapped = computationPeakMiB(volume, folder, true);
+  std::cout << "\nmemory the volume's pipeline takes at its peak: " << inMemory
+            << " MiB with every image in memory, " << swapped
+            << " MiB with the gaussian and threshold images swapped to disk once read" << std::endl;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Pixel buffers go back to the system as soon as they are freed (glibc would otherwise raise
+  // its threshold for that after the first large free), so that resident sizes show them.
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   std::string folder = "vorn-demo", input;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -217,7 +253,7 @@ int main(int argc, char** argv) {
     runAndSave(head, folder, "head");
     drawGraph(head, folder);
     changeThreshold(head, 100);
-    swapIntermediates(head, folder);
+    swapIntermediates(folder);
     std::cout << "\nEverything is in " << folder << "/" << std::endl;
   } catch (const std::exception& error) {
     std::cerr << "vorn_demo: " << error.what() << std::endl;
