@@ -1,5 +1,7 @@
 # Runs Doxygen over the public headers and fails, listing them, when public names have no
 # comment of their own.
+get_filename_component(output ${WARNINGS} DIRECTORY)
+file(MAKE_DIRECTORY ${output})
 execute_process(COMMAND ${DOXYGEN} ${DOXYFILE} RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "doxygen failed (${rc})")
