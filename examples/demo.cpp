@@ -44,14 +44,20 @@ class SampleSource : public vorn::ProcessObject {
   ImagePtr m_image;
 };
 
-// Remembers which operators computed.
-class RunRecorder : public vorn::IObserver {
+// An observer that listens to none of the five events; the demo's observers override one.
+class Listener : public vorn::IObserver {
  public:
-  void onStartComputingData(vorn::ProcessObject* op) override { ran.insert(op->getName()); }
   void onDataHasBeenGenerated(vorn::ProcessObject*) override {}
+  void onStartComputingData(vorn::ProcessObject*) override {}
   void onInvalidated(vorn::ProcessObject*) override {}
   void onValidated(vorn::ProcessObject*) override {}
   void onParameterHasBeenChanged(vorn::ProcessObject*) override {}
+};
+
+// Remembers which operators computed.
+class RunRecorder : public Listener {
+ public:
+  void onStartComputingData(vorn::ProcessObject* op) override { ran.insert(op->getName()); }
   std::set<std::string> ran;
 };
 
@@ -76,7 +82,11 @@ struct Chain {
     mask.setInputPort(1, threshold.getOutputPort(0));
     stats.setInputPort(0, mask.getOutputPort(0));
   }
+  // What the demo writes out: every stage but the statistics.
   std::vector<vorn::ProcessObject*> stages() { return {&source, &smooth, &threshold, &mask}; }
+  std::vector<vorn::ProcessObject*> operators() {
+    return {&source, &smooth, &threshold, &mask, &stats};
+  }
 
   SampleSource source;
   vorn::GaussianSmoothing smooth;
@@ -134,12 +144,7 @@ void drawGraph(Chain& chain, const std::string& folder) {
 
 void changeThreshold(Chain& chain, double lower) {
   RunRecorder recorder;
-  for (vorn::ProcessObject* op : {static_cast<vorn::ProcessObject*>(&chain.source),
-                                  static_cast<vorn::ProcessObject*>(&chain.smooth),
-                                  static_cast<vorn::ProcessObject*>(&chain.threshold),
-                                  static_cast<vorn::ProcessObject*>(&chain.mask),
-                                  static_cast<vorn::ProcessObject*>(&chain.stats)})
-    op->attachObserver(&recorder);
+  for (vorn::ProcessObject* op : chain.operators()) op->attachObserver(&recorder);
   std::cout << "\n== Threshold lowered to " << lower
             << ": the brain joins the mask, and only what depends on the threshold runs ==\n";
   chain.threshold.setParameterValue("lower", number(lower));
@@ -148,8 +153,7 @@ void changeThreshold(Chain& chain, double lower) {
   for (const std::string& name : recorder.ran) std::cout << " " << name;
   std::cout << " (source and gaussian did not)\nmask: " << insideCount(*outputOf(chain.threshold))
             << " pixels inside" << std::endl;
-  for (vorn::ProcessObject* op : chain.stages()) op->detachObserver(&recorder);
-  chain.stats.detachObserver(&recorder);
+  for (vorn::ProcessObject* op : chain.operators()) op->detachObserver(&recorder);
 }
 
 // A field of /proc/self/status ("VmRSS:", "VmHWM:"), in MiB.
@@ -167,14 +171,10 @@ double statusMiB(const std::string& field) {
 }
 
 // Swaps `image` to disk once the operator it observes, the image's last reader, has computed.
-class SwapAfterUse : public vorn::IObserver {
+class SwapAfterUse : public Listener {
  public:
   explicit SwapAfterUse(ImagePtr image) : m_image(std::move(image)) {}
   void onDataHasBeenGenerated(vorn::ProcessObject*) override { m_image->dump(); }
-  void onStartComputingData(vorn::ProcessObject*) override {}
-  void onInvalidated(vorn::ProcessObject*) override {}
-  void onValidated(vorn::ProcessObject*) override {}
-  void onParameterHasBeenChanged(vorn::ProcessObject*) override {}
 
  private:
   ImagePtr m_image;
@@ -186,9 +186,7 @@ double computationPeakMiB(const ImagePtr& volume, const std::string& folder, boo
   Chain chain(volume, 100);
   SwapAfterUse smoothed(outputOf(chain.smooth)), thresholded(outputOf(chain.threshold));
   if (swap) {
-    for (vorn::ProcessObject* op : {static_cast<vorn::ProcessObject*>(&chain.smooth),
-                                    static_cast<vorn::ProcessObject*>(&chain.threshold)}) {
-      const ImagePtr image = outputOf(*op);
+    for (const ImagePtr& image : {outputOf(chain.smooth), outputOf(chain.threshold)}) {
       image->setImageIO(
           boost::shared_ptr<vorn::IImageIO>(new vorn::FileSwapImageIO(image.get(), folder)));
     }

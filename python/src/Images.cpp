@@ -142,11 +142,6 @@ ImagePtr fromArray(const py::array& given, bool copy) {
   return image;
 }
 
-std::vector<double> axesOf(const double* values, unsigned int dimension) {
-  return values == nullptr ? std::vector<double>()
-                           : std::vector<double>(values, values + dimension);
-}
-
 void setAxes(ImageObject& image, const std::vector<double>& values, bool spacing) {
   if (values.size() != image.getDimension()) {
     throw py::value_error("one value per axis is needed (" + std::to_string(image.getDimension()) +
@@ -159,6 +154,23 @@ void setAxes(ImageObject& image, const std::vector<double>& values, bool spacing
       image.setOrigin(axis, values[axis]);
     }
   }
+}
+
+// Spacing or origin as a tuple, one value per axis (empty while the image has no axes).
+auto axesGetter(const double* (ImageObject::*values)() const) {
+  return [values](const ImageObject& image) {
+    const double* first = (image.*values)();
+    const std::vector<double> axes = first == nullptr
+                                         ? std::vector<double>()
+                                         : std::vector<double>(first, first + image.getDimension());
+    return py::tuple(py::cast(axes));
+  };
+}
+
+auto axesSetter(bool spacing) {
+  return [spacing](ImageObject& image, const std::vector<double>& values) {
+    setAxes(image, values, spacing);
+  };
 }
 
 void bindImageObject(py::module_& m) {
@@ -177,22 +189,8 @@ void bindImageObject(py::module_& m) {
       .def_property_readonly(
           "address",
           [](ImageObject& image) { return reinterpret_cast<std::uintptr_t>(image.getBuffer()); })
-      .def_property(
-          "spacing",
-          [](const ImageObject& image) {
-            return py::tuple(py::cast(axesOf(image.getSpacing(), image.getDimension())));
-          },
-          [](ImageObject& image, const std::vector<double>& values) {
-            setAxes(image, values, true);
-          })
-      .def_property(
-          "origin",
-          [](const ImageObject& image) {
-            return py::tuple(py::cast(axesOf(image.getOrigin(), image.getDimension())));
-          },
-          [](ImageObject& image, const std::vector<double>& values) {
-            setAxes(image, values, false);
-          })
+      .def_property("spacing", axesGetter(&ImageObject::getSpacing), axesSetter(true))
+      .def_property("origin", axesGetter(&ImageObject::getOrigin), axesSetter(false))
       .def("print", &ImageObject::print);
 }
 

@@ -10,21 +10,10 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include "WidestVectors.hpp"
 #include "vorn/ImageObject.hpp"
 #include "vorn/PixelType.hpp"
 #include "vorn/ProcessObject.hpp"
-
-// Builds a function once per vector unit (AVX-512, AVX2, the SSE2 baseline), the best chosen
-// when the library loads: the per-pixel loops run at the speed of the running CPU. Floating
-// point is not contracted in ISO C++ mode, so every copy computes the same bits.
-#if defined(__x86_64__) && defined(__has_attribute)
-#if __has_attribute(target_clones)
-#define VORN_WIDEST_VECTORS [[gnu::target_clones("arch=x86-64-v4", "avx2", "default")]]
-#endif
-#endif
-#ifndef VORN_WIDEST_VECTORS
-#define VORN_WIDEST_VECTORS
-#endif
 
 namespace vorn {
 namespace detail {

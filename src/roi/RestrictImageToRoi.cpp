@@ -4,6 +4,7 @@
 #include <iostream>
 #include <type_traits>
 
+#include "common/WidestVectors.hpp"
 #include "vorn/ImageObject.hpp"
 #include "vorn/PixelType.hpp"
 
@@ -55,17 +56,7 @@ template <class Bits, class M>
   for (unsigned long k = 0; k < count; ++k) pixels[k] = inside[k] != 0 ? pixels[k] : Bits(0);
 }
 
-// The loop is memory-bound only once it uses the widest vectors the running CPU has: one copy
-// per instruction set, the best chosen when the library is loaded.
-#if defined(__x86_64__) && defined(__has_attribute)
-#if __has_attribute(target_clones)
-#define VORN_WIDEST_VECTORS [[gnu::target_clones("arch=x86-64-v4", "avx2", "default")]]
-#endif
-#endif
-#ifndef VORN_WIDEST_VECTORS
-#define VORN_WIDEST_VECTORS
-#endif
-
+// The loop is memory-bound only once it uses the widest vectors the running CPU has.
 VORN_WIDEST_VECTORS void keepInside8(void* buffer, const void* mask, unsigned long count) {
   keepInside<std::uint8_t, std::uint8_t>(buffer, mask, count);
 }

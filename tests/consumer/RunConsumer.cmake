@@ -4,12 +4,7 @@ set(prefix ${WORK_DIR}/prefix)
 set(build ${WORK_DIR}/build)
 file(REMOVE_RECURSE ${WORK_DIR})
 
-function(run_step)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "step failed (${rc}): ${ARGN}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/RunStep.cmake)
 
 run_step(${CMAKE_COMMAND} --install ${VORN_BUILD_DIR} --prefix ${prefix})
 run_step(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${build}

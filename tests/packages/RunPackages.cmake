@@ -6,12 +6,7 @@ set(root ${WORK_DIR}/root)
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${root})
 
-function(run_step)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc)
-  if(NOT rc EQUAL 0)
-    message(FATAL_ERROR "step failed (${rc}): ${ARGN}")
-  endif()
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../consumer/RunStep.cmake)
 
 run_step(${CMAKE_CPACK_COMMAND} --config ${VORN_BUILD_DIR}/CPackConfig.cmake -G DEB
   -B ${WORK_DIR}/debs)
