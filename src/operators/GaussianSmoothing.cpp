@@ -6,31 +6,21 @@
 #include <type_traits>
 #include <vector>
 
+#include "ImageRegion.hpp"
 #include "OperatorSupport.hpp"
-#include "vorn/Box.hpp"
 #include "vorn/Parameter.hpp"
-#include "vorn/RoiObject.hpp"
 
 namespace vorn {
 namespace {
 
+using detail::forEachRow;
+using detail::Layout;
+using detail::layoutOf;
+using detail::Region;
+using detail::widened;
+
 // A radius of 4e6 pixels still makes its kernel in milliseconds; anything wider is a typo.
 constexpr double kMaxSigma = 1e6;
-
-// Sizes and buffer strides of the image's axes.
-struct Layout {
-  std::vector<long> size;
-  std::vector<long> stride;
-};
-
-// A box of pixels, in indices of the image.
-struct Region {
-  std::vector<long> start;
-  std::vector<long> size;
-  bool empty() const {
-    return size.empty() || std::any_of(size.begin(), size.end(), [](long s) { return s <= 0; });
-  }
-};
 
 // One separable pass: weights[0] for the centre, weights[k] for the sum of the two samples
 // k pixels away. It writes `region` and reads that region widened by the radius along `axis`.
@@ -40,18 +30,6 @@ struct Pass {
   Region region;
   long radius() const { return static_cast<long>(weights.size()) - 1; }
 };
-
-Layout layoutOf(const ImageObject& image) {
-  const Box& box = image.getBufferedRegion();
-  Layout layout;
-  long stride = 1;
-  for (unsigned axis = 0; axis < box.m_dimension; ++axis) {
-    layout.size.push_back(static_cast<long>(box.m_size[axis]));
-    layout.stride.push_back(stride);
-    stride *= layout.size.back();
-  }
-  return layout;
-}
 
 std::vector<double> sigmaPerAxis(ProcessObject& op, std::size_t axes) {
   std::vector<double> sigmas = detail::numberListParameter(op, "sigma");
@@ -87,40 +65,6 @@ std::vector<float> kernel(double sigma, long length) {
   return normalised;
 }
 
-// The region `region` reads along `axis` through a kernel of `radius`, clipped to the image.
-Region widened(Region region, unsigned axis, long radius, const Layout& image) {
-  const long first = std::max(0L, region.start[axis] - radius);
-  const long end = std::min(image.size[axis], region.start[axis] + region.size[axis] + radius);
-  region.start[axis] = first;
-  region.size[axis] = end - first;
-  return region;
-}
-
-// The bounding box of the region of interest clipped to the image; the whole image without
-// one. A box of another axis count selects nothing.
-Region targetRegion(const boost::shared_ptr<RoiObject const>& roi, const Layout& image) {
-  const std::size_t axes = image.size.size();
-  Region region{std::vector<long>(axes, 0), image.size};
-  if (!roi) return region;
-  const Box& box = roi->getBoundingBox();
-  if (box.m_dimension != axes) return Region{region.start, std::vector<long>(axes, 0)};
-  for (std::size_t axis = 0; axis < axes; ++axis) {
-    const long start = box.m_start[axis];
-    const long length = image.size[axis];
-    const long first = std::max(0L, start);
-    long end = first;
-    if (start < length) {
-      // Unsigned arithmetic gives length - start exactly, even for a very negative start.
-      const unsigned long room =
-          static_cast<unsigned long>(length) - static_cast<unsigned long>(start);
-      end = box.m_size[axis] >= room ? length : start + static_cast<long>(box.m_size[axis]);
-    }
-    region.start[axis] = first;
-    region.size[axis] = std::max(0L, end - first);
-  }
-  return region;
-}
-
 // Passes for the axes a kernel changes, in axis order, each writing what the next one reads;
 // the last writes `target`.
 std::vector<Pass> plan(const std::vector<double>& sigmas, const Layout& image,
@@ -136,31 +80,6 @@ std::vector<Pass> plan(const std::vector<double>& sigmas, const Layout& image,
     needed = widened(needed, pass->axis, pass->radius(), image);
   }
   return passes;
-}
-
-// Calls f(offset, index) once for each combination of indices of `region` along the axes
-// other than 0 and `skip`; `offset` is the buffer offset of those indices alone, and f walks
-// the other two axes itself.
-template <class F>
-void forEachRow(const Layout& image, const Region& region, unsigned skip, F&& f) {
-  const unsigned axes = static_cast<unsigned>(image.size.size());
-  std::vector<long> index(region.start);
-  long offset = 0;
-  for (unsigned axis = 1; axis < axes; ++axis) {
-    if (axis != skip) offset += index[axis] * image.stride[axis];
-  }
-  while (true) {
-    f(offset, index);
-    unsigned axis = 1;
-    for (; axis < axes; ++axis) {
-      if (axis == skip) continue;
-      offset += image.stride[axis];
-      if (++index[axis] < region.start[axis] + region.size[axis]) break;
-      index[axis] = region.start[axis];
-      offset -= region.size[axis] * image.stride[axis];
-    }
-    if (axis >= axes) return;
-  }
 }
 
 // row[i] = w[0] * centre[i] + sum over k of w[k] * (the two samples k taps away), a tap being
@@ -304,7 +223,7 @@ bool insideAlongRowAxes(const std::vector<long>& index, const Region& region) {
 
 // Clears every pixel of the output outside `target`.
 void zeroOutside(float* output, const Layout& layout, const Region& target) {
-  const Region whole{std::vector<long>(layout.size.size(), 0), layout.size};
+  const Region whole = detail::wholeRegion(layout);
   const long first = target.start[0];
   const long end = first + target.size[0];
   const long width = layout.size[0];
@@ -343,7 +262,7 @@ void GaussianSmoothing::generateData() {
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const Layout layout = layoutOf(*input);
   const std::vector<double> sigmas = sigmaPerAxis(*this, layout.size.size());
-  const Region target = targetRegion(output->m_regionOfInterest, layout);
+  const Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
   prepareOutput(*input, *output);
   float* pixels = static_cast<float*>(output->getBuffer());
   if (target.empty()) {

@@ -15,3 +15,4 @@
 #include "vorn/operators/OperatorCatalog.hpp"
 #include "vorn/operators/PipelineText.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
+#include "vorn/operators/Threads.hpp"
