@@ -1,6 +1,7 @@
 // The operator library, image files, Graphviz, pipeline text, and capturing the library's lines.
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -46,6 +47,15 @@ void bindOperatorClasses(py::module_& m) {
     for (const OperatorInfo& info : operatorCatalog()) names.push_back(info.name);
     return names;
   });
+  // None for an operator that needs its whole input.
+  m.def(
+      "inputHalo",
+      [](ProcessObject& op, unsigned int axes) -> std::optional<std::vector<long>> {
+        auto* local = dynamic_cast<LocalOperator*>(&op);
+        if (local == nullptr) return std::nullopt;
+        return local->inputHalo(axes);
+      },
+      py::arg("operator"), py::arg("axes"));
 }
 
 void bindFiles(py::module_& m) {

@@ -69,4 +69,6 @@ void BinaryThreshold::generateData() {
   });
 }
 
+std::vector<long> BinaryThreshold::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }
+
 }  // namespace vorn

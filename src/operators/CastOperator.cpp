@@ -68,4 +68,6 @@ void CastOperator::generateData() {
   });
 }
 
+std::vector<long> CastOperator::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }
+
 }  // namespace vorn

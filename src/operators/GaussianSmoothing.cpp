@@ -278,4 +278,10 @@ void GaussianSmoothing::generateData() {
   if (target.size != layout.size) zeroOutside(pixels, layout, target);
 }
 
+std::vector<long> GaussianSmoothing::inputHalo(unsigned int axes) {
+  std::vector<long> halo;
+  for (double sigma : sigmaPerAxis(*this, axes)) halo.push_back(static_cast<long>(4.0 * sigma + 0.5));
+  return halo;
+}
+
 }  // namespace vorn

@@ -43,4 +43,6 @@ void MaskOperator::generateData() {
   restrictImageToRoi(output, region.getMaskImage());
 }
 
+std::vector<long> MaskOperator::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }
+
 }  // namespace vorn

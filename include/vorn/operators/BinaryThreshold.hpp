@@ -14,14 +14,16 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // A UCHAR image: inside where lower <= value <= upper, outside elsewhere.
-class VORN_OPERATORS_API BinaryThreshold : public ProcessObject {
+class VORN_OPERATORS_API BinaryThreshold : public ProcessObject, public LocalOperator {
  public:
   BinaryThreshold();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

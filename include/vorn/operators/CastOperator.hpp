@@ -13,14 +13,16 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // Converts an image to another pixel type, rounding and clamping.
-class VORN_OPERATORS_API CastOperator : public ProcessObject {
+class VORN_OPERATORS_API CastOperator : public ProcessObject, public LocalOperator {
  public:
   CastOperator();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

@@ -22,14 +22,16 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // Gaussian smoothing into a float image, by separable passes.
-class VORN_OPERATORS_API GaussianSmoothing : public ProcessObject {
+class VORN_OPERATORS_API GaussianSmoothing : public ProcessObject, public LocalOperator {
  public:
   GaussianSmoothing();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

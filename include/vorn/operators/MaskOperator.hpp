@@ -10,14 +10,16 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // Input 0 with every pixel outside the mask on input 1 set to zero.
-class VORN_OPERATORS_API MaskOperator : public ProcessObject {
+class VORN_OPERATORS_API MaskOperator : public ProcessObject, public LocalOperator {
  public:
   MaskOperator();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

@@ -11,6 +11,7 @@
 #include "vorn/operators/ImageFile.hpp"
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 #include "vorn/operators/MaskOperator.hpp"
 #include "vorn/operators/OperatorCatalog.hpp"
 #include "vorn/operators/PipelineText.hpp"

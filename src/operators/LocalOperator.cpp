@@ -1,0 +1,7 @@
+#include "vorn/operators/LocalOperator.hpp"
+
+namespace vorn {
+
+LocalOperator::~LocalOperator() = default;
+
+}  // namespace vorn
