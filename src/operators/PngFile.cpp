@@ -4,6 +4,7 @@
 #include <png.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -175,23 +176,38 @@ std::string chunkType(const unsigned char* type) {
   return name;
 }
 
+// A seek refills the stream's buffer, which costs more than reading through a short distance.
+bool skipBytes(std::FILE* file, std::uint64_t count) {
+  if (count > 65536) return ::fseeko(file, static_cast<off_t>(count), SEEK_CUR) == 0;
+  char scratch[4096];
+  for (std::size_t step; count > 0; count -= step) {
+    step = static_cast<std::size_t>(std::min<std::uint64_t>(count, sizeof scratch));
+    if (std::fread(scratch, 1, step, file) != step) return false;
+  }
+  return true;
+}
+
 // libpng allocates a chunk at the size it claims before reading it, so every chunk must fit in
 // the rest of the file before libpng sees any. The walk seeks from one chunk header to the
 // next: one small read a chunk. Returns the bytes of the IDAT chunks, the compressed pixels.
 std::uint64_t scanPngChunks(std::FILE* file, std::uint64_t fileSize, const std::string& path) {
   std::uint64_t idatBytes = 0;
   std::uint64_t position = 8;  // after the signature
+  if (std::fseek(file, 8, SEEK_SET) != 0) position = fileSize;
   unsigned char head[8];
-  while (position + 8 <= fileSize && ::fseeko(file, static_cast<off_t>(position), SEEK_SET) == 0 &&
-         std::fread(head, 1, sizeof head, file) == sizeof head) {
+  while (position + 8 <= fileSize && std::fread(head, 1, sizeof head, file) == sizeof head) {
     const std::uint64_t length = bigEndian32(head);
-    const std::string type = chunkType(head + 4);
     const std::uint64_t left = fileSize - position - 8;  // its data and its 4-byte CRC
-    requireWithin(path, "PNG chunk " + type + " at byte " + std::to_string(position), length,
-                  left < 4 ? 0 : left - 4, "left in the file for it");
-    if (type == "IEND") return idatBytes;
-    if (type == "IDAT") idatBytes += length;
+    const std::uint64_t room = left < 4 ? 0 : left - 4;
+    if (length > room) {  // the message is built only then: files may hold many tiny chunks
+      requireWithin(path,
+                    "PNG chunk " + chunkType(head + 4) + " at byte " + std::to_string(position),
+                    length, room, "left in the file for it");
+    }
+    if (std::memcmp(head + 4, "IEND", 4) == 0) return idatBytes;
+    if (std::memcmp(head + 4, "IDAT", 4) == 0) idatBytes += length;
     position += 12 + length;
+    if (!skipBytes(file, length + 4)) break;
   }
   throw ImageFileError(path, "the PNG file ends after " + std::to_string(fileSize) +
                                  " bytes without an IEND chunk: it is cut short");

@@ -47,8 +47,8 @@ void childReads(const std::string& path, int out) {
     if (::setrlimit(RLIMIT_AS, &limit) != 0) ::_exit(3);
   }
   const std::string outcome = readingOutcome(path);
-  const bool sent = ::write(out, outcome.data(), outcome.size()) ==
-                    static_cast<ssize_t>(outcome.size());
+  const bool sent =
+      ::write(out, outcome.data(), outcome.size()) == static_cast<ssize_t>(outcome.size());
   ::_exit(sent ? 0 : 4);
 }
 
