@@ -15,49 +15,37 @@
 
 namespace {
 
-// AddressSanitizer reserves terabytes of shadow memory up front, so under it the files are read
-// without the limit.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kLimitAddressSpace = false;
-#elif defined(__has_feature)
+// AddressSanitizer reserves terabytes of shadow memory up front: under it, no limit.
+#if defined(__has_feature)
 #if __has_feature(address_sanitizer)
+#define VORN_UNDER_ADDRESS_SANITIZER
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(VORN_UNDER_ADDRESS_SANITIZER)
 constexpr bool kLimitAddressSpace = false;
 #else
 constexpr bool kLimitAddressSpace = true;
 #endif
-#else
-constexpr bool kLimitAddressSpace = true;
-#endif
-constexpr rlim_t kAddressSpace = rlim_t{256} << 20;
 
-// "" when the file reads, else what refused it.
-std::string readingOutcome(const std::string& path) {
-  vorn::ImageObject image;
-  try {
-    vorn::readImageFile(path, image);
-    return "";
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-}
-
-void childReads(const std::string& path, int out) {
-  if (kLimitAddressSpace) {
-    const rlimit limit = {kAddressSpace, kAddressSpace};
-    if (::setrlimit(RLIMIT_AS, &limit) != 0) ::_exit(3);
-  }
-  const std::string outcome = readingOutcome(path);
-  const bool sent =
-      ::write(out, outcome.data(), outcome.size()) == static_cast<ssize_t>(outcome.size());
-  ::_exit(sent ? 0 : 4);
-}
-
-// readingOutcome in a child process, its message sent back through a pipe.
+// Reads `path` in a child process limited to 256 MB of address space, which sends back through
+// a pipe "" when the file reads, else what refused it.
 std::string outcomeInChild(const std::string& path) {
   int ends[2];
   if (::pipe(ends) != 0) return "cannot make a pipe";
   const pid_t child = ::fork();
-  if (child == 0) childReads(path, ends[1]);
+  if (child == 0) {
+    const rlimit limit = {rlim_t{256} << 20, rlim_t{256} << 20};
+    if (kLimitAddressSpace && ::setrlimit(RLIMIT_AS, &limit) != 0) ::_exit(3);
+    std::string outcome;
+    try {
+      vorn::ImageObject image;
+      vorn::readImageFile(path, image);
+    } catch (const std::exception& error) {
+      outcome = error.what();
+    }
+    const ssize_t sent = ::write(ends[1], outcome.data(), outcome.size());
+    ::_exit(sent == static_cast<ssize_t>(outcome.size()) ? 0 : 4);
+  }
   ::close(ends[1]);
   std::string outcome;
   char buffer[512];
