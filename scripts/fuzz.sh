@@ -15,12 +15,18 @@ targets=(png_reader nifti_reader nifti_gz_reader)
 build=build/fuzz
 
 bash scripts/install-deps.sh
+seed_packages=()
 for package in python3-nibabel python3-skimage; do
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
-    echo "fuzz.sh seeds from $package: installing it"
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$package"
+    seed_packages+=("$package")
   fi
 done
+if [ ${#seed_packages[@]} -gt 0 ]; then
+  echo "Installing the packages whose files seed the fuzzers: ${seed_packages[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${seed_packages[@]}"
+fi
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DVORN_BUILD_FUZZERS=ON -DVORN_BUILD_BENCHMARKS=OFF -DVORN_BUILD_PYTHON=OFF >/dev/null
