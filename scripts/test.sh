@@ -2,7 +2,8 @@
 # Installs what is missing, then builds and runs every test twice: an optimised build with
 # warnings as errors (the Python module and its tests included, for Debian's /usr/bin/python3),
 # and a debug build under AddressSanitizer, LeakSanitizer and UBSan (the C++ tests: Python cannot
-# load a sanitized module without preloading the sanitizer runtime).
+# load a sanitized module without preloading the sanitizer runtime). Last, the libFuzzer
+# programs are built with clang and replay their corpora, so that scripts/fuzz.sh keeps working.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -18,3 +19,10 @@ cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DVORN_WERROR=ON \
 cmake --build build/sanitize -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build/sanitize --output-on-failure -j "$jobs"
+
+CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVORN_WERROR=ON \
+  -DVORN_BUILD_FUZZERS=ON -DVORN_BUILD_BENCHMARKS=OFF -DVORN_BUILD_PYTHON=OFF
+cmake --build build/fuzz -j "$jobs" --target vorn_fuzzers
+for target in png_reader nifti_reader nifti_gz_reader; do
+  "build/fuzz/fuzz/vorn_fuzz_$target" -runs=0 "fuzz/corpus/$target"
+done

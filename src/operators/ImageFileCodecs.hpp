@@ -16,6 +16,23 @@ bool multiplyChecked(std::uint64_t a, std::uint64_t b, std::uint64_t& product);
 // The most bytes `compressed` bytes of deflate data can expand to (saturating).
 std::uint64_t inflateBound(std::uint64_t compressed);
 
+// Bounding what a file claims. A reader checks every size it takes from the file (pixel data,
+// chunks, offsets, metadata) before it allocates for it or seeks by it: raw data against the
+// bytes the file has, deflate data against what the compressed bytes present can expand to.
+// A failure throws ImageFileError for `path` naming the claim, its size and what the file has,
+// e.g. "PNG chunk tEXt at byte 33 claims 1769340953 bytes, more than the 122 bytes left in
+// the file". Pass a saturated size (UINT64_MAX) for a claim whose arithmetic overflowed.
+void requireWithin(const std::string& path, const std::string& claim, std::uint64_t claimed,
+                   std::uint64_t present, const std::string& where);
+// As requireWithin, with the bound inflateBound(compressed): "... more than the 89 compressed
+// bytes of the IDAT chunks can expand to (at most 91848)".
+void requireInflatable(const std::string& path, const std::string& claim, std::uint64_t claimed,
+                       std::uint64_t compressed, const std::string& where);
+
+// The most bytes of metadata (text, colour profiles, unknown chunks, header extensions) a
+// reader holds at once; real files use a few kB. Readers that need none skip it unread.
+constexpr std::uint64_t maximumMetadataBytes = std::uint64_t{1} << 20;
+
 // Whether the first bytes of a file are a PNG signature (at least 8 bytes needed).
 bool isPngSignature(const unsigned char* bytes, std::size_t count);
 

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -124,20 +125,27 @@ void checkDatatype(int datatype, const std::string& path) {
 // The voxels must fit in the file after the offset; for gzip, in what its size can expand to.
 void checkClaim(Layout& layout, const nifti_1_header& header, bool gzipped, std::uint64_t fileSize,
                 const std::string& path) {
-  const std::uint64_t available = gzipped ? inflateBound(fileSize) : fileSize;
   const double offset = header.vox_offset;
-  const bool offsetFits =
-      offset >= headerSize && offset < 1e18 && static_cast<std::uint64_t>(offset) <= available;
-  if (!offsetFits) {
-    throw ImageFileError(path, "vox_offset " + std::to_string(offset) + " lies outside the file");
+  if (!(offset >= headerSize && offset < 1e18)) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", offset);
+    throw ImageFileError(path, std::string("vox_offset ") + text + " lies outside the file");
   }
   layout.offset = static_cast<std::uint64_t>(offset);
-  if (!multiplyChecked(layout.voxels, static_cast<std::uint64_t>(layout.bytesPerVoxel),
-                       layout.bytes) ||
-      layout.bytes > available - layout.offset) {
-    throw ImageFileError(path, "header claims " + std::to_string(layout.voxels) +
-                                   " voxels, more than the file of " + std::to_string(fileSize) +
-                                   " bytes holds");
+  std::uint64_t end = std::numeric_limits<std::uint64_t>::max();
+  if (multiplyChecked(layout.voxels, static_cast<std::uint64_t>(layout.bytesPerVoxel),
+                      layout.bytes) &&
+      layout.bytes <= end - layout.offset) {
+    end = layout.offset + layout.bytes;
+  }
+  const std::string claim = "NIfTI-1 header (" + std::to_string(layout.voxels) + " voxels of " +
+                            std::to_string(layout.bytesPerVoxel) +
+                            (layout.bytesPerVoxel == 1 ? " byte" : " bytes") + " from byte " +
+                            std::to_string(layout.offset) + ")";
+  if (gzipped) {
+    requireInflatable(path, claim, end, fileSize, "of the gzip file");
+  } else {
+    requireWithin(path, claim, end, fileSize, "of the file");
   }
 }
 
@@ -184,10 +192,15 @@ nifti_1_header readHeader(znzFile file, const std::string& path) {
 void readVoxels(znzFile file, const Layout& layout, void* destination, const std::string& path) {
   const znz_off_t offset = static_cast<znz_off_t>(layout.offset);
   // A gzip seek past the end only shows in the read that follows, checked below.
-  if (znzseek(file, offset, SEEK_SET) < 0 ||
-      znzread(destination, 1, layout.bytes, file) != layout.bytes) {
-    throw ImageFileError(path, "the file ends before the " + std::to_string(layout.bytes) +
-                                   " bytes of voxels its header claims, or is corrupt");
+  const std::size_t got =
+      znzseek(file, offset, SEEK_SET) < 0 ? 0 : znzread(destination, 1, layout.bytes, file);
+  if (got == static_cast<std::size_t>(-1)) {
+    throw ImageFileError(path, "corrupt compressed data in the voxels");
+  }
+  if (got != layout.bytes) {
+    throw ImageFileError(path, "the file ends after " + std::to_string(got) + " of the " +
+                                   std::to_string(layout.bytes) +
+                                   " bytes of voxels its header claims");
   }
   if (layout.swapped && layout.swapSize > 1) {
     nifti_swap_Nbytes(layout.voxels, layout.swapSize, destination);

@@ -2,13 +2,17 @@
 // inside one of the small stage functions below, each with its own setjmp and a frame that
 // holds no C++ object with a destructor; the C++ code around them only sees a false return.
 #include <png.h>
+#include <sys/types.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "ImageFileCodecs.hpp"
@@ -46,6 +50,19 @@ struct PngShape {
   int bitDepth;  // delivered: 8 or 16
   png_size_t rowBytes;
 };
+
+// The reader holds no ancillary chunk (text, colour profile, time, unknown chunks...): vorn
+// uses none, and skipping them unread costs no memory whatever they claim or inflate to. tRNS
+// stays, as libpng needs it to expand palettes.
+bool limitPngReader(png_structp png) {
+  if (setjmp(png_jmpbuf(png))) return false;
+  // The limit that counts for the pixels is their compressed size, checked by checkPngClaim;
+  // libpng's own would refuse wide but honest images.
+  png_set_user_limits(png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
+  png_set_chunk_malloc_max(png, maximumMetadataBytes);
+  png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, nullptr, -1);
+  return true;
+}
 
 bool readPngHeader(png_structp png, png_infop info, PngShape* shape) {
   if (setjmp(png_jmpbuf(png))) return false;
@@ -128,19 +145,72 @@ FilePtr openFile(const std::string& path, const char* mode, const std::string& t
   return file;
 }
 
-// A PNG's pixels live in its deflate stream, so the file size bounds what its header may
-// claim; checked before anything of that size is allocated.
-void checkPngClaim(const PngShape& shape, std::uint64_t fileSize, const std::string& path) {
+// A PNG's pixels live in the deflate stream of its IDAT chunks: each row a filter byte and its
+// samples, interlaced or not. Checked before anything of that size is allocated.
+void checkPngClaim(const PngShape& shape, std::uint64_t idatBytes, const std::string& path) {
   std::uint64_t bits = 0;
   std::uint64_t bytes = 0;
-  const bool fits =
-      multiplyChecked(shape.width, static_cast<std::uint64_t>(shape.fileBitsPerPixel), bits) &&
-      multiplyChecked((bits + 7) / 8, shape.height, bytes) && bytes <= inflateBound(fileSize);
-  if (!fits) {
-    throw ImageFileError(path, "PNG header claims " + std::to_string(shape.width) + " x " +
-                                   std::to_string(shape.height) + " pixels, more than a file of " +
-                                   std::to_string(fileSize) + " bytes can hold");
+  if (!multiplyChecked(shape.width, static_cast<std::uint64_t>(shape.fileBitsPerPixel), bits) ||
+      !multiplyChecked((bits + 7) / 8 + 1, shape.height, bytes)) {
+    bytes = std::numeric_limits<std::uint64_t>::max();
   }
+  requireInflatable(path,
+                    "PNG header of " + std::to_string(shape.width) + " x " +
+                        std::to_string(shape.height) + " pixels",
+                    bytes, idatBytes, "of its IDAT chunks");
+}
+
+std::uint64_t bigEndian32(const unsigned char* bytes) {
+  return std::uint64_t{bytes[0]} << 24 | std::uint64_t{bytes[1]} << 16 |
+         std::uint64_t{bytes[2]} << 8 | bytes[3];
+}
+
+// Letters as they are, anything else as \xNN, so that a garbled chunk type stays readable.
+std::string chunkType(const unsigned char* type) {
+  std::string name;
+  for (int k = 0; k < 4; ++k) {
+    char hex[5];
+    std::snprintf(hex, sizeof hex, "\\x%02x", type[k]);
+    name += std::isalpha(type[k]) != 0 ? std::string(1, static_cast<char>(type[k])) : hex;
+  }
+  return name;
+}
+
+// A seek refills the stream's buffer, which costs more than reading through a short distance.
+bool skipBytes(std::FILE* file, std::uint64_t count) {
+  if (count > 65536) return ::fseeko(file, static_cast<off_t>(count), SEEK_CUR) == 0;
+  char scratch[4096];
+  for (std::size_t step; count > 0; count -= step) {
+    step = static_cast<std::size_t>(std::min<std::uint64_t>(count, sizeof scratch));
+    if (std::fread(scratch, 1, step, file) != step) return false;
+  }
+  return true;
+}
+
+// libpng allocates a chunk at the size it claims before reading it, so every chunk must fit in
+// the rest of the file before libpng sees any. The walk seeks from one chunk header to the
+// next: one small read a chunk. Returns the bytes of the IDAT chunks, the compressed pixels.
+std::uint64_t scanPngChunks(std::FILE* file, std::uint64_t fileSize, const std::string& path) {
+  std::uint64_t idatBytes = 0;
+  std::uint64_t position = 8;  // after the signature
+  if (std::fseek(file, 8, SEEK_SET) != 0) position = fileSize;
+  unsigned char head[8];
+  while (position + 8 <= fileSize && std::fread(head, 1, sizeof head, file) == sizeof head) {
+    const std::uint64_t length = bigEndian32(head);
+    const std::uint64_t left = fileSize - position - 8;  // its data and its 4-byte CRC
+    const std::uint64_t room = left < 4 ? 0 : left - 4;
+    if (length > room) {  // the message is built only then: files may hold many tiny chunks
+      requireWithin(path,
+                    "PNG chunk " + chunkType(head + 4) + " at byte " + std::to_string(position),
+                    length, room, "left in the file for it");
+    }
+    if (std::memcmp(head + 4, "IEND", 4) == 0) return idatBytes;
+    if (std::memcmp(head + 4, "IDAT", 4) == 0) idatBytes += length;
+    position += 12 + length;
+    if (!skipBytes(file, length + 4)) break;
+  }
+  throw ImageFileError(path, "the PNG file ends after " + std::to_string(fileSize) +
+                                 " bytes without an IEND chunk: it is cut short");
 }
 
 // Rounded luma 0.299 R + 0.587 G + 0.114 B, in integers so that it is exact.
@@ -268,17 +338,18 @@ bool isPngSignature(const unsigned char* bytes, std::size_t count) {
 
 void readPngFile(const std::string& path, std::uint64_t fileSize, ImageObject& image) {
   FilePtr file = openFile(path, "rb", path);
+  const std::uint64_t idatBytes = scanPngChunks(file.get(), fileSize, path);
+  std::rewind(file.get());
   PngReader reader;
-  if (reader.info == nullptr) throw ImageFileError(path, "libpng could not start");
+  if (reader.info == nullptr || !limitPngReader(reader.png)) {
+    throw ImageFileError(path, "libpng could not start");
+  }
   png_init_io(reader.png, file.get());
-  // The limit that counts is the file size, checked below; libpng's own would refuse wide
-  // but honest images.
-  png_set_user_limits(reader.png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
   PngShape shape = {};
   if (!readPngHeader(reader.png, reader.info, &shape)) {
     throw ImageFileError(path, std::string("bad PNG header: ") + reader.message.text);
   }
-  checkPngClaim(shape, fileSize, path);
+  checkPngClaim(shape, idatBytes, path);
   if (!preparePngRows(reader.png, reader.info, &shape)) {
     throw ImageFileError(path, std::string("bad PNG: ") + reader.message.text);
   }
