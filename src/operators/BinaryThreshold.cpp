@@ -69,6 +69,8 @@ void BinaryThreshold::generateData() {
   });
 }
 
-std::vector<long> BinaryThreshold::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }
+std::vector<long> BinaryThreshold::inputHalo(unsigned int axes) {
+  return std::vector<long>(axes, 0);
+}
 
 }  // namespace vorn

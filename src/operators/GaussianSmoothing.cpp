@@ -280,7 +280,8 @@ void GaussianSmoothing::generateData() {
 
 std::vector<long> GaussianSmoothing::inputHalo(unsigned int axes) {
   std::vector<long> halo;
-  for (double sigma : sigmaPerAxis(*this, axes)) halo.push_back(static_cast<long>(4.0 * sigma + 0.5));
+  for (double sigma : sigmaPerAxis(*this, axes))
+    halo.push_back(static_cast<long>(4.0 * sigma + 0.5));
   return halo;
 }
 

@@ -2,8 +2,8 @@
 
 #include <sched.h>
 
-#include <atomic>
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <string>
 #include <thread>

@@ -31,8 +31,9 @@ Partial parallelReduce(unsigned int threads, std::size_t count, std::size_t grai
                        Map map, Combine combine) {
   if (grain == 0) grain = 1;
   std::vector<Partial> partials((count + grain - 1) / grain, zero);
-  parallelFor(threads, count, grain,
-              [&](std::size_t begin, std::size_t end) { partials[begin / grain] = map(begin, end); });
+  parallelFor(threads, count, grain, [&](std::size_t begin, std::size_t end) {
+    partials[begin / grain] = map(begin, end);
+  });
   for (const Partial& partial : partials) zero = combine(zero, partial);
   return zero;
 }
