@@ -1,8 +1,10 @@
 """The slice view: its slices against vorn-run's whole-volume result, its refusals, its
-superseding of queued changes."""
+superseding of queued changes, and the page in a real headless browser."""
 import asyncio
 import io
 import json
+import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -207,3 +209,42 @@ def test_python_handle_and_command_line(tmp_path):
     refused = subprocess.run(command[:4] + ["gaussian ! nosuch"], capture_output=True, text=True,
                              timeout=60)
     assert refused.returncode == 2 and "nosuch" in refused.stderr
+
+
+def browser():
+    chromium = shutil.which("chromium") or shutil.which("chromium-browser")
+    driver = shutil.which("chromedriver")
+    if not chromium or not driver:
+        pytest.skip("Debian's chromium and chromium-driver are not installed")
+    webdriver = pytest.importorskip("selenium.webdriver")
+    options = webdriver.ChromeOptions()
+    options.binary_location = chromium
+    for flag in ("--headless=new", "--no-sandbox", "--disable-gpu", "--window-size=1200,720"):
+        options.add_argument(flag)
+    service = pytest.importorskip("selenium.webdriver.chrome.service").Service(driver)
+    return webdriver.Chrome(options=options, service=service)
+
+
+def test_the_page_shows_what_the_api_computes(served):
+    handle, _ = served(np.float32, "gaussian sigma=1 ! threshold lower=120")
+    chrome = browser()
+    try:
+        chrome.set_script_timeout(60)
+        chrome.get(handle.url)
+        run = "const done = arguments[arguments.length - 1];"
+        chrome.execute_async_script(run + "vornView.started.then(() => done())")
+        before = chrome.execute_script("return document.getElementById('output').toDataURL()")
+        answer = chrome.execute_async_script(run + "vornView.set('gaussian', 'sigma', 2.5).then(done)")
+        assert "error" not in answer and chrome.execute_script("return vornView.lastLatencyMs") > 0
+        shown = chrome.execute_script("return vornView.output()")
+        expected, _ = sliced(handle, 2, 4, **{"gaussian.sigma": "2.5"})
+        assert np.array_equal(np.array(shown["values"]).reshape(shown["shape"]), expected)
+        assert chrome.execute_script("return document.getElementById('output').toDataURL()") != before
+        refused = chrome.execute_async_script(run + "vornView.set('gaussian', 'sigma', 'x').then(done)")
+        assert "sigma" in refused["error"]
+        assert chrome.execute_script("return vornView.output().values").count(1) == expected.sum()
+        if os.environ.get("VORN_VIEW_SCREENSHOT"):
+            chrome.execute_async_script(run + "vornView.set('gaussian', 'sigma', 1.5).then(done)")
+            chrome.save_screenshot(os.environ["VORN_VIEW_SCREENSHOT"])
+    finally:
+        chrome.quit()
