@@ -225,8 +225,16 @@ def browser():
     return webdriver.Chrome(options=options, service=service)
 
 
-def test_the_page_shows_what_the_api_computes(served):
-    handle, _ = served(np.float32, "gaussian sigma=1 ! threshold lower=120")
+def phantom():
+    """Two noisy balls, 96 x 96 x 24 floats."""
+    z, y, x = np.mgrid[0:24, 0:96, 0:96]
+    balls = 200.0 * ((x - 40) ** 2 + (y - 44) ** 2 + 4 * (z - 12) ** 2 < 900)
+    balls += 120.0 * ((x - 70) ** 2 + (y - 64) ** 2 + 4 * (z - 10) ** 2 < 250)
+    return (balls + np.random.default_rng(3).normal(20, 25, z.shape)).astype(np.float32)
+
+
+def test_the_page_shows_what_the_api_computes():
+    handle = vorn.view(phantom(), "gaussian sigma=1 ! threshold lower=120")
     chrome = browser()
     try:
         chrome.set_script_timeout(60)
@@ -237,7 +245,7 @@ def test_the_page_shows_what_the_api_computes(served):
         answer = chrome.execute_async_script(run + "vornView.set('gaussian', 'sigma', 2.5).then(done)")
         assert "error" not in answer and chrome.execute_script("return vornView.lastLatencyMs") > 0
         shown = chrome.execute_script("return vornView.output()")
-        expected, _ = sliced(handle, 2, 4, **{"gaussian.sigma": "2.5"})
+        expected, _ = sliced(handle, 2, 12, **{"gaussian.sigma": "2.5"})
         assert np.array_equal(np.array(shown["values"]).reshape(shown["shape"]), expected)
         assert chrome.execute_script("return document.getElementById('output').toDataURL()") != before
         refused = chrome.execute_async_script(run + "vornView.set('gaussian', 'sigma', 'x').then(done)")
@@ -248,3 +256,4 @@ def test_the_page_shows_what_the_api_computes(served):
             chrome.save_screenshot(os.environ["VORN_VIEW_SCREENSHOT"])
     finally:
         chrome.quit()
+        handle.close()

@@ -9,10 +9,14 @@
   const TYPES = { uint8: Uint8Array, int16: Int16Array, float32: Float32Array };
 
   const state = { axis: 2, index: 0, size: [1, 1, 1], range: [0, 1], output: null, input: null,
-                  nextId: 1, pending: [], socket: null };
+                  nextId: 1, pending: [], socket: null, controls: {} };
   const api = {
     lastLatencyMs: null, lastCost: null, lastError: null, frames: 0, info: null,
-    set(stage, parameter, value) { return request({ [stage + "." + parameter]: String(value) }); },
+    set(stage, parameter, value) {
+      const control = state.controls[stage + "." + parameter];
+      if (control) control(String(value));
+      return request({ [stage + "." + parameter]: String(value) });
+    },
     show(axis, index) { state.axis = axis; state.index = index; syncSlice(); return request({}); },
     // The last output slice: {shape, dtype, values} with values a plain array, row by row.
     output() {
@@ -171,7 +175,9 @@
         chooser.disabled = true;
       }
     }
-    const send = (value) => { text.value = value; api.set(stage.name, parameter.name, value); };
+    const show = (value) => { text.value = value; if (!chooser.disabled) chooser.value = value; };
+    state.controls[stage.name + "." + parameter.name] = show;
+    const send = (value) => api.set(stage.name, parameter.name, value);
     chooser.addEventListener("input", () => send(chooser.value));
     text.addEventListener("change", () => send(text.value));
     return row(parameter.name, parameter.help, chooser, text);
