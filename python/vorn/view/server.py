@@ -198,7 +198,7 @@ def application(view):
         (r"/api/slice", SliceHandler, {"view": view}),
         (r"/ws", SocketHandler, {"view": view}),
         (r"/(|view\.js)", PageHandler, {"view": view}),
-    ], websocket_max_message_size=1 << 20)
+    ], websocket_max_message_size=1 << 20, log_function=lambda handler: None)
 
 
 def listen(view, host, port):

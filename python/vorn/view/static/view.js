@@ -80,20 +80,24 @@
     const level = Number($("level").value), width = Math.max(Number($("window").value), 1e-12);
     const low = level - width / 2;
     const gray = (v) => Math.max(0, Math.min(255, ((v - low) / width) * 255));
-    if (state.input && !overlay) paint($("input"), state.input, (v) => [gray(v), gray(v), gray(v)]);
+    if (state.input && !overlay) paint($("input"), state.input, (rgba, j, v) => {
+      rgba[j] = rgba[j + 1] = rgba[j + 2] = gray(v);
+    });
     if (overlay) {
       const under = state.input.values;
-      paint($("output"), out, (v, k) => {
+      paint($("output"), out, (rgba, j, v, k) => {
         const g = gray(under[k]);
-        return v ? [0.5 * g + 127, 0.5 * g, 0.5 * g] : [g, g, g];
+        rgba[j] = v ? 0.5 * g + 127 : g;
+        rgba[j + 1] = rgba[j + 2] = v ? 0.5 * g : g;
       });
     } else if (mask) {
-      paint($("output"), out, (v) => (v ? [255, 255, 255] : [0, 0, 0]));
+      paint($("output"), out, (rgba, j, v) => { rgba[j] = rgba[j + 1] = rgba[j + 2] = v ? 255 : 0; });
     } else {
-      paint($("output"), out, (v) => [gray(v), gray(v), gray(v)]);
+      paint($("output"), out, (rgba, j, v) => { rgba[j] = rgba[j + 1] = rgba[j + 2] = gray(v); });
     }
   }
 
+  // color(rgba, j, value, k) writes the red, green and blue of pixel k at rgba[j..j + 2].
   function paint(canvas, image, color) {
     const [h, w] = image.shape;
     if (canvas.width !== w || canvas.height !== h) { canvas.width = w; canvas.height = h; }
@@ -101,9 +105,9 @@
     const pixels = context.createImageData(w, h);
     const rgba = pixels.data;
     const values = image.values;
-    for (let k = 0; k < values.length; ++k) {
-      const [r, g, b] = color(values[k], k);
-      rgba[4 * k] = r; rgba[4 * k + 1] = g; rgba[4 * k + 2] = b; rgba[4 * k + 3] = 255;
+    for (let k = 0, j = 0; k < values.length; ++k, j += 4) {
+      color(rgba, j, values[k], k);
+      rgba[j + 3] = 255;
     }
     context.putImageData(pixels, 0, 0);
   }
