@@ -24,6 +24,21 @@ py::class_<Operator, ProcessObject, boost::shared_ptr<Operator>> bindOperator(py
   return cls;
 }
 
+// A catalog entry as a dict: what a host needs to offer the operator's parameters.
+py::dict operatorInfo(const std::string& name) {
+  const OperatorInfo* info = findOperator(name);
+  if (info == nullptr) throw py::key_error("no operator named '" + name + "'");
+  py::list parameters;
+  for (const OperatorParameterInfo& parameter : info->parameters) {
+    parameters.append(py::dict(py::arg("name") = parameter.name,
+                               py::arg("default") = parameter.defaultValue,
+                               py::arg("help") = parameter.help));
+  }
+  return py::dict(py::arg("name") = info->name, py::arg("summary") = info->summary,
+                  py::arg("inputs") = info->inputs, py::arg("outputs") = info->outputs,
+                  py::arg("parameters") = parameters);
+}
+
 void bindOperatorClasses(py::module_& m) {
   bindOperator<GaussianSmoothing>(m, "GaussianSmoothing");
   bindOperator<BinaryThreshold>(m, "BinaryThreshold");
@@ -42,6 +57,7 @@ void bindOperatorClasses(py::module_& m) {
       .def("getStatistics", &StatisticsOperator::getStatistics)
       .def("silence", [](StatisticsOperator& op) { op.setStream(nullptr); });
   m.def("createOperator", &createOperator, py::arg("name"));
+  m.def("operatorInfo", &operatorInfo, py::arg("name"));
   m.def("operatorNames", [] {
     std::vector<std::string> names;
     for (const OperatorInfo& info : operatorCatalog()) names.push_back(info.name);
@@ -87,6 +103,15 @@ void bindText(py::module_& m) {
   py::register_exception<PipelineTextError>(m, "PipelineTextError", PyExc_ValueError);
   py::register_exception<PipelineRunError>(m, "PipelineRunError", PyExc_RuntimeError);
   m.def("writeGraphviz", &graphviz, py::arg("roots"));
+  // The operators stay the pipeline's: the lists are valid while the pipeline lives (a list
+  // cannot keep it alive), an operator found by name keeps it alive itself.
+  py::class_<TextPipeline, std::unique_ptr<TextPipeline>>(m, "TextPipeline")
+      .def_static("build", &TextPipeline::build, py::arg("text"))
+      .def("operators", &TextPipeline::operators, py::return_value_policy::reference)
+      .def("sinks", &TextPipeline::sinks, py::return_value_policy::reference)
+      .def("find", &TextPipeline::find, py::return_value_policy::reference_internal)
+      .def("run", &TextPipeline::run)
+      .def("silence", [](TextPipeline& pipeline) { pipeline.setReportStream(nullptr); });
   m.def("run", &runText, py::arg("text"));
 }
 

@@ -11,3 +11,12 @@ from ._vorn import OutputCapture
 def capture_output():
     """A context manager: the library's lines go to its `text` instead of standard output."""
     return OutputCapture()
+
+
+def __getattr__(name):
+    # vorn.view (a web server, tornado) is loaded when first used, not with vorn.
+    if name == "view":
+        import importlib
+
+        return importlib.import_module(".view", __name__)
+    raise AttributeError("module 'vorn' has no attribute %r" % name)
