@@ -43,11 +43,20 @@ class VORN_OPERATORS_API ImageFileError : public std::runtime_error {
   std::string m_path;
 };
 
-// Reads a PNG or NIfTI-1 file, recognised by its content, into `image`. On any failure throws
-// ImageFileError and leaves `image` exactly as it was; on success the image keeps its
-// generator. Files whose headers claim more pixels than the file can hold are refused before
-// anything that large is allocated.
+// What a read may be told besides the path; each format takes what concerns it.
+struct ImageReadOptions {
+  // DICOM folders: the Series Instance UID of the series to read; empty: the folder's only one.
+  std::string series;
+};
+
+// Reads an image file, its format recognised by its content, into `image` (a folder is read as
+// one DICOM series). On any failure throws ImageFileError and leaves `image` exactly as it was;
+// on success the image keeps its generator. Files whose headers claim more pixels than the
+// file can hold are refused before anything that large is allocated.
 VORN_OPERATORS_API void readImageFile(const std::string& path, ImageObject& image);
+// The same, with options.
+VORN_OPERATORS_API void readImageFile(const std::string& path, ImageObject& image,
+                                      const ImageReadOptions& options);
 
 // Writes `image` in the format named by the extension of `path`: .png, .nii or .nii.gz (case
 // does not matter); anything else throws ImageFileError. The file is written under a
