@@ -56,6 +56,12 @@ void readNifti2File(const std::string& path, bool gzipped, std::uint64_t fileSiz
 void writeNifti2File(const ImageObject& image, const std::string& temporary, bool gzipped,
                      const std::string& target);
 
+// TIFF: pages of one size as a stack; colour as luma.
+bool isTiffSignature(const unsigned char* head, std::size_t count);
+void readTiffFile(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,
+                  ImageObject& image);
+void writeTiffFile(const ImageObject& image, const std::string& temporary,
+                   const std::string& target);
 // NRRD and MetaImage, attached or with a data file beside the header.
 bool isNrrdSignature(const unsigned char* head, std::size_t count);
 void readNrrdFile(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,

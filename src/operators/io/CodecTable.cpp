@@ -75,6 +75,7 @@ std::vector<Codec> buildCodecs() {
   return {
       {"PNG", {".png"}, isPngSignature, readPng, writePngFile, false},
       {"NIfTI-1/2", {".nii", ".nii.gz"}, recognisesNifti, readNifti, writeNifti, false},
+      {"TIFF", {".tif", ".tiff"}, isTiffSignature, readTiffFile, writeTiffFile, false},
       {"NRRD", {".nrrd", ".nhdr"}, isNrrdSignature, readNrrdFile, writeNrrdFile, false},
       {"MetaImage",
        {".mha", ".mhd"},

@@ -225,6 +225,16 @@ RawBlock checkedBlock(const std::vector<std::uint64_t>& sizes, SampleType type,
   return block;
 }
 
+void convertSamples(const unsigned char* raw, const RawBlock& block, PixelType::Type pixelType,
+                    void* out) {
+  if (pixelType != PixelType::FLOAT || block.type == SampleType::F32) {
+    std::memcpy(out, raw, block.bytes);
+  } else {
+    convertToFloat(raw, block.bytes / sampleBytes(block.type), block.type,
+                   static_cast<float*>(out));
+  }
+}
+
 void readBlock(const std::string& dataPath, std::uint64_t offset, bool compressed,
                const RawBlock& block, const std::string& path, ImageObject& image) {
   std::ifstream in(dataPath, std::ios::binary);

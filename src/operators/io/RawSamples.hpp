@@ -37,6 +37,9 @@ RawBlock checkedBlock(const std::vector<std::uint64_t>& sizes, SampleType type,
                       std::uint64_t available, std::uint64_t fileSize, const std::string& field,
                       const std::string& path);
 
+// Stores the block's `raw` samples (in the host's byte order) as `pixelType` (pixelTypeOf).
+void convertSamples(const unsigned char* raw, const RawBlock& block, PixelType::Type pixelType,
+                    void* out);
 // Reads the block from `dataPath` at `offset`: raw, or a zlib/gzip stream of `compressedBytes`
 // (0: to the end of the file). Allocates `image` and converts to its pixel type.
 void readBlock(const std::string& dataPath, std::uint64_t offset, bool compressed,
