@@ -348,8 +348,8 @@ TEST(ImageFileCodecs, RefusesMutilatedFilesNamingTheFault) {
       1, SAMPLEFORMAT_UINT, 1, PHOTOMETRIC_MINISBLACK, COMPRESSION_NONE, false, false, 1};
   // Width and height of the first page (its first two IFD entries, SHORT values) made 60000.
   Bytes lyingTiff = tiffOf(folder.file("lying.tif"), grayPages, 4, 4, Bytes(16, 7));
-  const std::size_t ifd =
-      lyingTiff[4] | lyingTiff[5] << 8 | lyingTiff[6] << 16 | lyingTiff[7] << 24;
+  const std::size_t ifd = std::size_t{lyingTiff[4]} | std::size_t{lyingTiff[5]}
+                                                          << 8;  // a small file
   for (const std::size_t entry : {ifd + 2, ifd + 14}) {
     lyingTiff[entry + 8] = 60000 & 0xff;
     lyingTiff[entry + 9] = 60000 >> 8;

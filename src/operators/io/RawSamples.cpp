@@ -365,7 +365,8 @@ void writeHeaderAndData(const std::string& header, const std::vector<unsigned ch
                                                        &std::fclose);
   if (!file) throw ImageFileError(target, std::string("cannot open: ") + std::strerror(errno));
   const bool written = std::fwrite(header.data(), 1, header.size(), file.get()) == header.size() &&
-                       std::fwrite(data.data(), 1, data.size(), file.get()) == data.size();
+                       (data.empty() ||  // fwrite's pointer must not be null
+                        std::fwrite(data.data(), 1, data.size(), file.get()) == data.size());
   if (!written || std::fclose(file.release()) != 0) {
     throw ImageFileError(target, std::string("cannot write: ") + std::strerror(errno));
   }
