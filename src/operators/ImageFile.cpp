@@ -42,8 +42,7 @@ std::uint64_t inflateBound(std::uint64_t compressed) {
 
 namespace {
 
-enum class FileKind { Png, Nifti, NiftiGz };
-enum class TargetFormat { Png, Nifti, NiftiGz };
+constexpr std::size_t headBytes = 1024;  // enough for every signature in the table
 
 std::uint64_t regularFileSize(const std::string& path) {
   std::error_code error;
@@ -56,21 +55,24 @@ std::uint64_t regularFileSize(const std::string& path) {
   return size;
 }
 
-// Enough bytes to see a PNG signature and the whole NIfTI-1 header with its magic.
-FileKind sniff(const std::string& path) {
+const detail::Codec& codecOfContent(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) throw ImageFileError(path, std::string("cannot open: ") + std::strerror(errno));
-  unsigned char bytes[348] = {};
-  file.read(reinterpret_cast<char*>(bytes), sizeof bytes);
+  unsigned char head[headBytes] = {};
+  file.read(reinterpret_cast<char*>(head), sizeof head);
   const std::size_t count = static_cast<std::size_t>(file.gcount());
   if (count == 0) throw ImageFileError(path, "empty file");
-  if (detail::isPngSignature(bytes, count)) return FileKind::Png;
-  if (count >= 2 && bytes[0] == 0x1f && bytes[1] == 0x8b) return FileKind::NiftiGz;
-  if (count == sizeof bytes && std::memcmp(bytes + 344, "n+1", 4) == 0) return FileKind::Nifti;
-  if (count == sizeof bytes && std::memcmp(bytes + 344, "ni1", 4) == 0) {
-    throw ImageFileError(path, "a NIfTI-1 header of a .hdr/.img pair, which is not supported");
+  for (const detail::Codec& codec : detail::codecs()) {
+    if (codec.recognises != nullptr && codec.recognises(head, count)) return codec;
   }
-  throw ImageFileError(path, "not a PNG or NIfTI-1 file");
+  throw ImageFileError(path, "not a supported image file (" + detail::codecNames() + ")");
+}
+
+const detail::Codec& codecOfFolder(const std::string& path) {
+  for (const detail::Codec& codec : detail::codecs()) {
+    if (codec.readsFolders) return codec;
+  }
+  throw ImageFileError(path, "not a regular file");
 }
 
 std::string lowercase(std::string text) {
@@ -83,12 +85,19 @@ bool endsWith(const std::string& text, const std::string& end) {
   return text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-TargetFormat targetFormat(const std::string& path) {
+const detail::Codec& codecOfName(const std::string& path) {
   const std::string name = lowercase(path);
-  if (endsWith(name, ".png")) return TargetFormat::Png;
-  if (endsWith(name, ".nii")) return TargetFormat::Nifti;
-  if (endsWith(name, ".nii.gz")) return TargetFormat::NiftiGz;
-  throw ImageFileError(path, "unsupported file name extension (expected .png, .nii or .nii.gz)");
+  for (const detail::Codec& codec : detail::codecs()) {
+    for (const std::string& extension : codec.extensions) {
+      if (!endsWith(name, extension)) continue;
+      if (codec.write == nullptr) {
+        throw ImageFileError(path, std::string(codec.name) + " files are read, not written");
+      }
+      return codec;
+    }
+  }
+  throw ImageFileError(
+      path, "unsupported file name extension (expected " + detail::writableExtensions() + ")");
 }
 
 // mkstemp makes files readable by their owner only; a written image should get the
@@ -116,15 +125,6 @@ std::string createTemporaryFile(const std::string& target) {
   return name;
 }
 
-void encode(TargetFormat format, const ImageObject& image, const std::string& temporary,
-            const std::string& target) {
-  if (format == TargetFormat::Png) {
-    detail::writePngFile(image, temporary, target);
-  } else {
-    detail::writeNiftiFile(image, temporary, format == TargetFormat::NiftiGz, target);
-  }
-}
-
 // Moves the pixels `fresh` decoded into `image`, with their geometry: a copy would make a read
 // need twice the image's memory. `image` keeps its generator and its ownership flag, as after
 // import(). Only what cannot fail happens once `image` has been emptied.
@@ -145,10 +145,10 @@ void adoptPixels(ImageObject& fresh, ImageObject& image) {
 namespace detail {
 
 std::string writeTemporaryImageFile(const ImageObject& image, const std::string& target) {
-  const TargetFormat format = targetFormat(target);
+  const detail::Codec& codec = codecOfName(target);
   const std::string temporary = createTemporaryFile(target);
   try {
-    encode(format, image, temporary, target);
+    codec.write(image, temporary, target);
   } catch (const std::bad_alloc&) {
     std::remove(temporary.c_str());
     throw ImageFileError(target, "not enough memory to encode the image");
@@ -169,15 +169,17 @@ void commitTemporaryImageFile(const std::string& temporary, const std::string& t
 }  // namespace detail
 
 void readImageFile(const std::string& path, ImageObject& image) {
-  const std::uint64_t size = regularFileSize(path);
-  const FileKind kind = sniff(path);
+  readImageFile(path, image, ImageReadOptions());
+}
+
+void readImageFile(const std::string& path, ImageObject& image, const ImageReadOptions& options) {
+  std::error_code error;
+  const bool folder = std::filesystem::is_directory(path, error);
+  const std::uint64_t size = folder ? 0 : regularFileSize(path);
+  const detail::Codec& codec = folder ? codecOfFolder(path) : codecOfContent(path);
   ImageObject fresh;
   try {
-    if (kind == FileKind::Png) {
-      detail::readPngFile(path, size, fresh);
-    } else {
-      detail::readNiftiFile(path, kind == FileKind::NiftiGz, size, fresh);
-    }
+    codec.read(path, size, options, fresh);
   } catch (const std::bad_alloc&) {
     throw ImageFileError(path, "not enough memory to read the image");
   }

@@ -1,15 +1,38 @@
-// Internals of the image files: the PNG and NIfTI-1 codecs, the size arithmetic they share to
-// refuse lying headers before allocating, and the temporary-file writing the writer operator
-// uses for its deferred commit.
+// Internals of the image files: the codec table readImageFile and writeImageFile loop over,
+// the size arithmetic the readers share to refuse lying headers before allocating, and the
+// temporary-file writing the writer operator uses for its deferred commit.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "vorn/ImageObject.hpp"
+#include "vorn/operators/ImageFile.hpp"
 
 namespace vorn {
 namespace detail {
+
+// One file format. Adding a format is one row in codecs() and one source file.
+struct Codec {
+  const char* name;                     // "TIFF", for messages and --help
+  std::vector<std::string> extensions;  // lower case; the first one is the default
+  // Whether a file starting with these bytes is of this format (null: never by content).
+  bool (*recognises)(const unsigned char* head, std::size_t count);
+  // Fills `into`, a fresh image; `fileSize` is 0 for a folder.
+  void (*read)(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,
+               ImageObject& into);
+  // Creates `temporary` anew; errors name `target` (null: the format is read only).
+  void (*write)(const ImageObject& image, const std::string& temporary, const std::string& target);
+  bool readsFolders;  // a folder given to readImageFile goes to this codec
+};
+
+// Every format vorn knows, in the order their signatures are tried.
+const std::vector<Codec>& codecs();
+// "PNG, NIfTI-1/2, ...": the names of the table, for messages and help texts.
+std::string codecNames();
+// ".png, .nii, ...": the extensions writeImageFile accepts.
+std::string writableExtensions();
 
 // a * b, or false when the product does not fit in 64 bits.
 bool multiplyChecked(std::uint64_t a, std::uint64_t b, std::uint64_t& product);
@@ -41,6 +64,32 @@ bool isPngSignature(const unsigned char* bytes, std::size_t count);
 void readPngFile(const std::string& path, std::uint64_t fileSize, ImageObject& image);
 void readNiftiFile(const std::string& path, bool gzipped, std::uint64_t fileSize,
                    ImageObject& image);
+
+// NIfTI-2 (540-byte header): the same reading rules as NIfTI-1. niftiVersion says which of the
+// two the header is (1 when unsure: the NIfTI-1 reader then explains what is wrong).
+int niftiVersion(const std::string& path, bool gzipped);
+void readNifti2File(const std::string& path, bool gzipped, std::uint64_t fileSize,
+                    ImageObject& image);
+void writeNifti2File(const ImageObject& image, const std::string& temporary, bool gzipped,
+                     const std::string& target);
+
+// TIFF: pages of one size as a stack; colour as luma.
+bool isTiffSignature(const unsigned char* head, std::size_t count);
+void readTiffFile(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,
+                  ImageObject& image);
+void writeTiffFile(const ImageObject& image, const std::string& temporary,
+                   const std::string& target);
+// NRRD and MetaImage, attached or with a data file beside the header.
+bool isNrrdSignature(const unsigned char* head, std::size_t count);
+void readNrrdFile(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,
+                  ImageObject& image);
+void writeNrrdFile(const ImageObject& image, const std::string& temporary,
+                   const std::string& target);
+bool isMetaImageSignature(const unsigned char* head, std::size_t count);
+void readMetaImageFile(const std::string& path, std::uint64_t fileSize,
+                       const ImageReadOptions& options, ImageObject& image);
+void writeMetaImageFile(const ImageObject& image, const std::string& temporary,
+                        const std::string& target);
 
 // The writers create `temporary` anew; their errors name `target`, the file the user asked for.
 void writePngFile(const ImageObject& image, const std::string& temporary,

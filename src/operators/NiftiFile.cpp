@@ -1,8 +1,8 @@
-// NIfTI-1 single files (.nii, .nii.gz) through the NIfTI C library: its header structure,
-// byte swapping and type tables, and its znz streams, which read plain and gzip files alike.
-// The header is read and validated here rather than by nifti_image_read: that function picks
+// NIfTI-1 and NIfTI-2 single files (.nii, .nii.gz) through the NIfTI C library: its header
+// structure, byte swapping and type tables, and its znz streams, which read plain and gzip files
+// alike. The header is read and validated here rather than by nifti_image_read: that function picks
 // the compression from the file name, and it repairs bad axis sizes instead of refusing them.
-#include <nifti1_io.h>
+#include <nifti2_io.h>
 
 #include <cmath>
 #include <cstdint>
@@ -203,7 +203,7 @@ void readVoxels(znzFile file, const Layout& layout, void* destination, const std
                                    " bytes of voxels its header claims");
   }
   if (layout.swapped && layout.swapSize > 1) {
-    nifti_swap_Nbytes(layout.voxels, layout.swapSize, destination);
+    nifti_swap_Nbytes(static_cast<std::int64_t>(layout.voxels), layout.swapSize, destination);
   }
 }
 
@@ -295,9 +295,10 @@ std::vector<int> dimsOf(const ImageObject& image, const std::string& target) {
 // A q-form with the identity rotation carries the origin; no scaling, no s-form.
 nifti_1_header headerOf(const ImageObject& image, const std::string& target) {
   const int datatype = datatypeOf(image.getPointType(), target);
-  std::vector<int> dims = dimsOf(image, target);
+  const std::vector<int> dims = dimsOf(image, target);
+  const std::vector<std::int64_t> wide(dims.begin(), dims.end());
   std::unique_ptr<nifti_1_header, decltype(&std::free)> made(
-      nifti_make_new_header(dims.data(), datatype), &std::free);
+      nifti_make_new_n1_header(wide.data(), datatype), &std::free);
   if (!made) throw ImageFileError(target, "cannot build a NIfTI-1 header");
   nifti_1_header header = *made;
   header.vox_offset = static_cast<float>(dataOffset);
@@ -341,6 +342,162 @@ void writeNiftiFile(const ImageObject& image, const std::string& temporary, bool
   znzFile raw = file.release();
   const bool closed = Xznzclose(&raw) == 0;
   if (!written || !closed) throw ImageFileError(target, "cannot write the NIfTI-1 file");
+}
+
+// NIfTI-2: the same layout with 64-bit sizes and double geometry, in a 540-byte header.
+namespace {
+
+constexpr int header2Size = 540;
+constexpr std::int64_t data2Offset = 544;
+
+bool needsSwap2(const nifti_2_header& header, const std::string& path) {
+  if (header.sizeof_hdr == header2Size) return false;
+  int swapped = header.sizeof_hdr;
+  nifti_swap_4bytes(1, &swapped);
+  if (swapped == header2Size) return true;
+  throw ImageFileError(path, "bad NIfTI-2 header size " + std::to_string(header.sizeof_hdr));
+}
+
+Box boxOf2(const nifti_2_header& header, const std::string& path, std::uint64_t& voxels) {
+  const std::int64_t axes = header.dim[0];
+  if (axes < 1 || axes > 7) {
+    throw ImageFileError(path, "dim[0] = " + std::to_string(axes) + ": expected 1 to 7 axes");
+  }
+  Box box(static_cast<unsigned int>(axes));
+  voxels = 1;
+  for (int axis = 1; axis <= axes; ++axis) {
+    const std::int64_t size = header.dim[axis];
+    if (size < 1) {
+      throw ImageFileError(path, "dim[" + std::to_string(axis) + "] = " + std::to_string(size) +
+                                     ": axis sizes must be positive");
+    }
+    if (!multiplyChecked(voxels, static_cast<std::uint64_t>(size), voxels)) {
+      throw ImageFileError(path, "the axis sizes multiply to more voxels than can be counted");
+    }
+    box.m_size[axis - 1] = static_cast<unsigned long>(size);
+  }
+  return box;
+}
+
+void checkClaim2(Layout& layout, std::int64_t offset, bool gzipped, std::uint64_t fileSize,
+                 const std::string& path) {
+  const std::uint64_t available = gzipped ? inflateBound(fileSize) : fileSize;
+  if (offset < header2Size || static_cast<std::uint64_t>(offset) > available) {
+    throw ImageFileError(path, "vox_offset " + std::to_string(offset) + " lies outside the file");
+  }
+  layout.offset = static_cast<std::uint64_t>(offset);
+  if (!multiplyChecked(layout.voxels, static_cast<std::uint64_t>(layout.bytesPerVoxel),
+                       layout.bytes) ||
+      layout.bytes > available - layout.offset) {
+    throw ImageFileError(path, "header claims " + std::to_string(layout.voxels) +
+                                   " voxels, more than the file of " + std::to_string(fileSize) +
+                                   " bytes holds");
+  }
+}
+
+Layout validate2(nifti_2_header& header, bool gzipped, std::uint64_t fileSize,
+                 const std::string& path) {
+  Layout layout;
+  layout.swapped = needsSwap2(header, path);
+  if (layout.swapped) swap_nifti_header(&header, 2);
+  layout.box = boxOf2(header, path, layout.voxels);
+  layout.datatype = header.datatype;
+  checkDatatype(layout.datatype, path);
+  nifti_datatype_sizes(layout.datatype, &layout.bytesPerVoxel, &layout.swapSize);
+  checkClaim2(layout, header.vox_offset, gzipped, fileSize, path);
+  const double slope = header.scl_slope;
+  const double intercept = std::isfinite(header.scl_inter) ? header.scl_inter : 0.0;
+  const bool scaled = std::isfinite(slope) && slope != 0.0 && !(slope == 1.0 && intercept == 0.0);
+  if (scaled) {
+    layout.slope = slope;
+    layout.intercept = intercept;
+  }
+  layout.type = PixelType::FLOAT;
+  if (!scaled && layout.datatype == DT_UINT8) layout.type = PixelType::UCHAR;
+  if (!scaled && layout.datatype == DT_INT16) layout.type = PixelType::SHORT;
+  return layout;
+}
+
+void setGeometry2(const nifti_2_header& header, ImageObject& image) {
+  const double offsets[3] = {header.qoffset_x, header.qoffset_y, header.qoffset_z};
+  for (unsigned int axis = 0; axis < image.getDimension(); ++axis) {
+    const double spacing = std::fabs(header.pixdim[axis + 1]);
+    image.setSpacing(axis, std::isfinite(spacing) && spacing > 0.0 ? spacing : 1.0);
+    if (axis < 3 && header.qform_code > 0 && std::isfinite(offsets[axis])) {
+      image.setOrigin(axis, offsets[axis]);
+    }
+  }
+}
+
+nifti_2_header header2Of(const ImageObject& image, const std::string& target) {
+  const int datatype = datatypeOf(image.getPointType(), target);
+  const unsigned int axes = image.getDimension();
+  if (axes < 1 || axes > 7) {
+    throw ImageFileError(target, "NIfTI holds 1 to 7 axes, this image has " + std::to_string(axes));
+  }
+  std::vector<std::int64_t> dims(8, 1);
+  dims[0] = axes;
+  for (unsigned int axis = 0; axis < axes; ++axis) {
+    dims[axis + 1] = static_cast<std::int64_t>(image.getBufferedRegion().m_size[axis]);
+  }
+  std::unique_ptr<nifti_2_header, decltype(&std::free)> made(
+      nifti_make_new_n2_header(dims.data(), datatype), &std::free);
+  if (!made) throw ImageFileError(target, "cannot build a NIfTI-2 header");
+  nifti_2_header header = *made;
+  header.vox_offset = data2Offset;
+  header.scl_slope = 0.0;
+  header.scl_inter = 0.0;
+  header.qform_code = NIFTI_XFORM_SCANNER_ANAT;
+  header.sform_code = NIFTI_XFORM_UNKNOWN;
+  header.quatern_b = header.quatern_c = header.quatern_d = 0.0;
+  header.pixdim[0] = 1.0;  // qfac
+  double* offsets[3] = {&header.qoffset_x, &header.qoffset_y, &header.qoffset_z};
+  for (unsigned int axis = 0; axis < axes; ++axis) {
+    header.pixdim[axis + 1] = image.getSpacing(axis);
+    if (axis < 3) *offsets[axis] = image.getOrigin(axis);
+  }
+  return header;
+}
+
+}  // namespace
+
+int niftiVersion(const std::string& path, bool gzipped) {
+  ZnzPtr file(znzopen(path.c_str(), "rb", gzipped ? 1 : 0));
+  int size = 0;
+  if (!file || znzread(&size, 1, sizeof size, file.get()) != sizeof size) return 1;
+  int swapped = size;
+  nifti_swap_4bytes(1, &swapped);
+  return size == header2Size || swapped == header2Size ? 2 : 1;
+}
+
+void readNifti2File(const std::string& path, bool gzipped, std::uint64_t fileSize,
+                    ImageObject& image) {
+  ZnzPtr file(znzopen(path.c_str(), "rb", gzipped ? 1 : 0));
+  if (!file) throw ImageFileError(path, "cannot open");
+  nifti_2_header header;
+  if (znzread(&header, 1, sizeof header, file.get()) != sizeof header ||
+      std::memcmp(header.magic, "n+2", 4) != 0) {
+    throw ImageFileError(path, "no whole NIfTI-2 header (cut short, corrupt or a .hdr/.img pair)");
+  }
+  const Layout layout = validate2(header, gzipped, fileSize, path);
+  loadVoxels(file.get(), layout, path, image);
+  if (gzipped) checkCompressedEnd(file.get(), path);
+  setGeometry2(header, image);
+}
+
+void writeNifti2File(const ImageObject& image, const std::string& temporary, bool gzipped,
+                     const std::string& target) {
+  const nifti_2_header header = header2Of(image, target);
+  const std::size_t bytes = getSizeOf(image.getPointType()) * image.getPixelNumber();
+  const char extension[4] = {0, 0, 0, 0};
+  ZnzPtr file(znzopen(temporary.c_str(), "wb", gzipped ? 1 : 0));
+  if (!file) throw ImageFileError(target, "cannot open for writing");
+  const bool written = znzwrite(&header, 1, sizeof header, file.get()) == sizeof header &&
+                       znzwrite(extension, 1, sizeof extension, file.get()) == sizeof extension &&
+                       znzwrite(image.getBuffer(), 1, bytes, file.get()) == bytes;
+  znzFile raw = file.release();
+  const bool closed = Xznzclose(&raw) == 0;
+  if (!written || !closed) throw ImageFileError(target, "cannot write the NIfTI-2 file");
 }
 
 }  // namespace detail

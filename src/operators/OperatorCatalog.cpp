@@ -2,6 +2,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "ImageFileCodecs.hpp"
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
@@ -21,13 +22,13 @@ boost::shared_ptr<ProcessObject> make() {
 std::vector<OperatorInfo> buildCatalog() {
   return {
       {"read",
-       "Reads a PNG or NIfTI-1 image file, recognised by its content.",
+       "Reads an image file recognised by its content: " + detail::codecNames() + ".",
        {{"file", "", "path of the image file"}},
        0,
        1,
        &make<ImageFileReader>},
       {"write",
-       "Writes its input to a .png, .nii or .nii.gz file (the extension picks the format).",
+       "Writes its input; the extension picks the format: " + detail::writableExtensions() + ".",
        {{"file", "", "path of the file to write"}},
        1,
        0,

@@ -320,7 +320,7 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
     std::string problem;
   } cases[] = {
       {"empty.png", {}, "empty file"},
-      {"text.nii", Bytes(text.begin(), text.end()), "not a PNG or NIfTI-1 file"},
+      {"text.nii", Bytes(text.begin(), text.end()), "not a supported image file (PNG, NIfTI"},
       {"text.nii.gz", gzipped(Bytes(text.begin(), text.end())), "not a PNG or NIfTI-1 file"},
       {"half.png", Bytes(good.begin(), good.begin() + static_cast<long>(good.size() / 2)),
        "PNG chunk IDAT at byte 33 claims"},
@@ -367,7 +367,6 @@ TEST(ImageFileWrite, FailuresLeaveNoFileAndKeepAnExistingTarget) {
   TempFolder folder;
   const ImagePtr flat = makeImage<unsigned char>({3, 2}, {9});
   const ImagePtr volume = makeImage<unsigned char>({2, 2, 2}, {9});
-  const ImagePtr line = makeImage<unsigned char>({40000}, {9});
   const ImagePtr empty(new ImageObject);
   const std::string target = folder.file("kept.png");
   vorn::writeImageFile(*flat, target);
@@ -377,10 +376,9 @@ TEST(ImageFileWrite, FailuresLeaveNoFileAndKeepAnExistingTarget) {
     std::string path;
     std::string problem;
   } cases[] = {
-      {flat, folder.file("image.tif"), "extension"},
+      {flat, folder.file("image.bmp"), "extension (expected .png, .nii"},
       {flat, folder.file("image.gz"), "extension"},
       {volume, target, "2-D images only"},
-      {line, folder.file("line.nii"), "32767"},
       {empty, folder.file("empty.nii.gz"), "no pixels"},
       {flat, folder.file("missing/image.png"), "temporary file"},
   };

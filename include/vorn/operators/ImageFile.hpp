@@ -1,6 +1,7 @@
 // vorn/operators/ImageFile.hpp
 //
-// Image files: reading PNG and NIfTI-1 files into an ImageObject and writing one back.
+// Image files: reading PNG, NIfTI-1/2, TIFF, NRRD and MetaImage files into an ImageObject and
+// writing one back.
 //
 //   vorn::ImageObject image;
 //   vorn::readImageFile("head.nii.gz", image);   // format taken from the bytes, not the name
@@ -18,6 +19,19 @@
 //   identity), reads as FLOAT. Spacing comes from pixdim, the origin of the first three axes
 //   from the q-form offset (0 without a q-form, and always 0 beyond the third axis).
 //   Spacing and origin are stored as 32-bit floats; axis sizes are limited to 32767.
+// - NIfTI-2 (.nii, .nii.gz, 540-byte header): read as NIfTI-1, with double geometry and 64-bit
+//   sizes; written instead of NIfTI-1 exactly when an axis exceeds 32767.
+// - TIFF (.tif, .tiff; classic or BigTIFF, striped or tiled, any compression libtiff decodes):
+//   gray pages of 8 to 64-bit integer or 32/64-bit float samples; RGB and palette as luma as
+//   for PNG. Several pages of one size read as a 3-D stack (pages along axis 2). Spacing from
+//   the resolution tags (1/resolution, in the file's unit). uint8, int16 and float32 keep
+//   their type; every other sample type reads as FLOAT, as for NIfTI. Writes UCHAR, SHORT and
+//   FLOAT deflated, 2-D as one page and 3-D as one page per slice.
+// - NRRD (.nrrd, or .nhdr with a data file) and MetaImage (.mha, or .mhd with a data file):
+//   up to 16 axes, any integer or float sample type (the same type rule), raw or gzip/zlib,
+//   either byte order; spacing and origin kept. Written compressed and little-endian; a .nhdr
+//   or .mhd gets its data file beside it. A detached data file must be named relative to the
+//   header's folder, without "..".
 //
 // Sharp edges: readImageFile replaces the image's contents through ImageObject::import, so an
 // image that borrows its buffer (see ImageObject.hpp) follows import's rules.
@@ -43,16 +57,25 @@ class VORN_OPERATORS_API ImageFileError : public std::runtime_error {
   std::string m_path;
 };
 
-// Reads a PNG or NIfTI-1 file, recognised by its content, into `image`. On any failure throws
-// ImageFileError and leaves `image` exactly as it was; on success the image keeps its
-// generator. Files whose headers claim more pixels than the file can hold are refused before
-// anything that large is allocated.
-VORN_OPERATORS_API void readImageFile(const std::string& path, ImageObject& image);
+// What a read may be told besides the path; each format takes what concerns it.
+struct ImageReadOptions {
+  // DICOM folders: the Series Instance UID of the series to read; empty: the folder's only one.
+  std::string series;
+};
 
-// Writes `image` in the format named by the extension of `path`: .png, .nii or .nii.gz (case
-// does not matter); anything else throws ImageFileError. The file is written under a
-// temporary name in the same folder and renamed over `path` at the end, so a failure leaves
-// no partial file and an existing `path` untouched.
+// Reads an image file, its format recognised by its content, into `image` (a folder is read as
+// one DICOM series). On any failure throws ImageFileError and leaves `image` exactly as it was;
+// on success the image keeps its generator. Files whose headers claim more pixels than the
+// file can hold are refused before anything that large is allocated.
+VORN_OPERATORS_API void readImageFile(const std::string& path, ImageObject& image);
+// The same, with options.
+VORN_OPERATORS_API void readImageFile(const std::string& path, ImageObject& image,
+                                      const ImageReadOptions& options);
+
+// Writes `image` in the format named by the extension of `path`: .png, .nii, .nii.gz, .tif,
+// .tiff, .nrrd, .nhdr, .mha or .mhd (case does not matter); anything else throws ImageFileError.
+// The file is written under a temporary name in the same folder and renamed over `path` at the end,
+// so a failure leaves no partial file and an existing `path` untouched.
 VORN_OPERATORS_API void writeImageFile(const ImageObject& image, const std::string& path);
 
 }  // namespace vorn

@@ -1,7 +1,7 @@
 // vorn/operators/ImageFileReader.hpp
 //
-// ImageFileReader: the source operator of a pipeline, reading a PNG or NIfTI-1 file (see
-// ImageFile.hpp for what each format gives) into the image on its one output.
+// ImageFileReader: the source operator of a pipeline, reading an image file of any format
+// ImageFile.hpp lists (and says what each gives) into the image on its one output.
 //
 //   vorn::ImageFileReader reader;
 //   reader.setParameterValue("file", "head.nii.gz");
@@ -15,7 +15,7 @@
 
 namespace vorn {
 
-// An operator reading a PNG or NIfTI-1 file, recognised by its content.
+// An operator reading an image file, its format recognised by its content.
 class VORN_OPERATORS_API ImageFileReader : public ProcessObject {
  public:
   ImageFileReader();
