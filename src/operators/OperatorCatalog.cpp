@@ -9,11 +9,13 @@
 #include "vorn/operators/GaussianSmoothing.hpp"
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
+#include "vorn/operators/LabelStatistics.hpp"
 #include "vorn/operators/MaskOperator.hpp"
 #include "vorn/operators/MathOperator.hpp"
 #include "vorn/operators/OtsuThreshold.hpp"
 #include "vorn/operators/PadOperator.hpp"
 #include "vorn/operators/RescaleIntensity.hpp"
+#include "vorn/operators/ResampleOperator.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
 namespace vorn {
@@ -139,6 +141,21 @@ std::vector<OperatorInfo> buildCatalog() {
        1,
        1,
        &make<PermuteAxes>},
+      {"resample",
+       "The image on a new grid of the same extent (spacing= or size=), interpolated.",
+       {{"spacing", "", "new spacing per axis (one value for all)"},
+        {"size", "", "new pixels per axis (instead of spacing)"},
+        {"order", "1", "0 nearest, 1 linear, 3 cubic B-spline"},
+        kThreads},
+       1,
+       1,
+       &make<ResampleOperator>},
+      {"labelstats",
+       "Passes input 0 through and prints stats and the box of each label of input 1.",
+       {kThreads},
+       2,
+       1,
+       &make<LabelStatistics>},
   };
 }
 
