@@ -30,7 +30,8 @@ std::vector<Axis> newGrid(ProcessObject& op, const ImageObject& image) {
   const unsigned axes = image.getDimension();
   const bool bySpacing = !op.getParameterValue("spacing").empty();
   if (bySpacing == !op.getParameterValue("size").empty()) {
-    detail::throwBadParameter(op, bySpacing ? "size" : "spacing", "",
+    const std::string name = bySpacing ? "size" : "spacing";
+    detail::throwBadParameter(op, name, op.getParameterValue(name),
                               "give exactly one of spacing= and size=");
   }
   std::vector<double> spacing;
