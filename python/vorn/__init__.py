@@ -11,3 +11,4 @@ from ._vorn import OutputCapture
 def capture_output():
     """A context manager: the library's lines go to its `text` instead of standard output."""
     return OutputCapture()
+from . import display as _display  # noqa: F401,E402 -- Jupyter's _repr_png_ and _repr_svg_
