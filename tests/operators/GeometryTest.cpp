@@ -122,6 +122,22 @@ TEST(Resample, MatchesMapCoordinates) {
                  3.4113998, 1.1889383, 5.2935214, -0.6239189, 3.321824, 4.360497}});
 }
 
+// Integer pixels round and clamp as cast does, whatever the operator computes in between.
+TEST(Geometry, IntegerPixelsRoundAndClamp) {
+  const ImagePtr bytes = makeImage<unsigned char>({6}, {0, 255, 0, 255, 255, 0});
+  // np.clip(np.rint(map_coordinates(x, ..., order=3, mode='nearest')), 0, 255): the cubic
+  // overshoots both ends.
+  expectResult(*outputOf(*runCatalog("resample", {{"size", "9"}, {"order", "3"}}, {bytes})),
+               {"resample uchar", {}, {9}, {1.0 / 3}, {-1.0 / 12},
+                {0, 159, 233, 24, 88, 255, 255, 118, 0}});
+  expectResult(*outputOf(*runCatalog("pad", {{"after", "2"}, {"value", "300"}}, {bytes})),
+               {"pad uchar", {}, {8}, {0.5}, {0}, {0, 255, 0, 255, 255, 0, 255, 255}});
+  // np.pad([5], 2, 'reflect'): a single pixel mirrors onto itself.
+  expectResult(*outputOf(*runCatalog("pad", {{"before", "2"}, {"mode", "reflect"}},
+                                     {makeImage<short>({1}, {5})})),
+               {"pad one pixel", {}, {3}, {0.5}, {-1}, {5, 5, 5}});
+}
+
 TEST(Geometry, FlipTwiceAndPermuteBackGiveTheImage) {
   const ImagePtr image = makeImage<short>({5, 4, 3}, {3, -1, 4, 1, -5, 9, 2, 6});
   const auto flipped = outputOf(*runCatalog("flip", {{"axes", "2,0"}}, {image}));

@@ -72,6 +72,16 @@ TEST(Rescale, MatchesSkimage) {
                 {0, 0.33333334f, 0.6666667f, 1}, "rescale of uchar");
 }
 
+// Infinities are left out of the default range and clip to its ends; NaN stays.
+TEST(Rescale, AndOtsuLeaveInfinitiesOutOfTheRange) {
+  const ImagePtr image = makeImage<float>(
+      {6}, {static_cast<float>(-kInf), 0, 5, 10, static_cast<float>(kInf), static_cast<float>(kNaN)});
+  expectMatches(valuesOf(*outputOf(*runCatalog("rescale", {}, {image}))), {0, 0, 0.5, 1, 1, kNaN},
+                "rescale with infinities");
+  EXPECT_EQ(valuesOf(*outputOf(*runCatalog("otsu", {}, {image}))),
+            (std::vector<double>{0, 0, 1, 1, 1, 0}));
+}
+
 // skimage.filters.threshold_otsu gives 0.99716794 for these values.
 TEST(Otsu, MatchesSkimage) {
   const std::vector<float> values{0.1f, 0.3f, 0.2f, 0.25f, 0.15f, 2.0f, 2.4f, 2.2f,
@@ -161,6 +171,11 @@ TEST(IntensityAndGeometry, RefuseBadParametersNamingThem) {
                                       {"input 1 is 4x3x3 pixels but input 0 is 4x3x2"});
   expectThrow<std::ios_base::failure>([&] { runCatalog("labelstats", {}, {image, image}); },
                                       {"labels on input 1 are float, expected uchar or short"});
+  ImagePtr flatSpacing = makeImage<float>({4}, {1});
+  flatSpacing->setSpacing(0, 0.0);
+  expectThrow<std::ios_base::failure>(
+      [&] { runCatalog("resample", {{"size", "2"}}, {flatSpacing}); },
+      {"spacing on axis 0 is 0.000000, expected a positive number"});
   const ImagePtr flat = makeImage<short>({4, 3}, {1});
   expectThrow<std::ios_base::failure>([&] { runCatalog("labelstats", {}, {image, flat}); },
                                       {"differ in size"});

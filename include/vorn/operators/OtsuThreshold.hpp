@@ -3,7 +3,8 @@
 // OtsuThreshold: a UCHAR mask, 1 where the pixel is above Otsu's threshold and 0 elsewhere
 // (NaN included). The threshold is the centre of the histogram bin that maximises the
 // between-class variance, over 256 equal bins spanning the image's range (NaN left out), as
-// skimage.filters.threshold_otsu(image, nbins=256) computes it for float images.
+// skimage.filters.threshold_otsu(image, nbins=256) computes it for float images. Infinities
+// are left out of the range and the histogram (+inf is still above the threshold).
 //
 //   vorn::OtsuThreshold otsu;
 //   ... update ...

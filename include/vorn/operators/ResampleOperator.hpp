@@ -15,7 +15,8 @@
 // the image the edge pixel repeats; order 3 interpolates the B-spline whose samples are the
 // pixels (scipy's prefilter, on the image extended by 12 edge pixels as scipy extends it).
 // Interpolation runs in double, one axis after the other; towards UCHAR and SHORT outputs the
-// result is rounded and clamped as CastOperator does.
+// result is rounded and clamped as CastOperator does. An input whose spacing is not positive
+// is refused.
 //
 // Parameters:
 //   spacing  the new spacing per axis (positive); exactly one of spacing and size is given

@@ -10,7 +10,8 @@
 //
 // Parameters:
 //   in_min, in_max    the input interval, in pixel values; empty (default): the image's range,
-//                     NaN pixels left out. in_min > in_max is refused.
+//                     NaN and infinite pixels left out (infinities clip to its ends).
+//                     in_min > in_max is refused.
 //   out_min, out_max  the output interval; default 0 and 1; out_min > out_max inverts
 //   type              the output's pixel type: float (default), uchar or short, rounded and
 //                     clamped as CastOperator does

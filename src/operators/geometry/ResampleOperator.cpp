@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,12 @@ std::vector<Axis> newGrid(ProcessObject& op, const ImageObject& image) {
   const std::vector<long> sizes = detail::wholeListParameter(op, "size", axes, 1, kMaxSize, 0);
   std::vector<Axis> grid;
   for (unsigned axis = 0; axis < axes; ++axis) {
+    if (!(image.getSpacing(axis) > 0) || !std::isfinite(image.getSpacing(axis))) {
+      throw std::invalid_argument(op.getName() + ": the input's spacing on axis " +
+                                  std::to_string(axis) + " is " +
+                                  std::to_string(image.getSpacing(axis)) +
+                                  ", expected a positive number");
+    }
     const double extent = static_cast<double>(image.getBufferedRegion().m_size[axis]) *
                           image.getSpacing(axis);
     const double count = bySpacing ? std::max(1.0, std::round(extent / spacing[axis]))
@@ -88,7 +95,10 @@ Taps tapsOf(const Axis& from, const Axis& to, int order, long pad) {
   };
   for (long j = 0; j < to.size; ++j) {
     const double x = to.origin + static_cast<double>(j) * to.spacing;
-    const double c = (x - from.origin) / from.spacing + static_cast<double>(pad);
+    // Beyond a few pixels outside, every tap reads the edge: clamping changes no value and
+    // keeps the conversion to an index defined.
+    const double c = std::clamp((x - from.origin) / from.spacing + static_cast<double>(pad), -3.0,
+                                static_cast<double>(last + 3));
     const double f = std::floor(c);
     const double t = c - f;
     const long i = static_cast<long>(f);

@@ -1,6 +1,7 @@
 #include "IntensityRange.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include "Parallel.hpp"
@@ -8,7 +9,7 @@
 namespace vorn {
 namespace detail {
 
-ValueRange valueRange(const ImageObject& image, unsigned threads) {
+ValueRange valueRange(const ImageObject& image, unsigned threads, bool finite) {
   const double inf = std::numeric_limits<double>::infinity();
   return dispatchPixelType(image.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
@@ -17,8 +18,10 @@ ValueRange valueRange(const ImageObject& image, unsigned threads) {
     auto map = [&](std::size_t begin, std::size_t end) {
       ValueRange range{inf, -inf};
       for (std::size_t k = begin; k < end; ++k) {
-        range.min = std::min(range.min, static_cast<double>(pixels[k]));
-        range.max = std::max(range.max, static_cast<double>(pixels[k]));
+        const double value = pixels[k];
+        if (finite && std::isinf(value)) continue;
+        range.min = std::min(range.min, value);
+        range.max = std::max(range.max, value);
       }
       return range;
     };

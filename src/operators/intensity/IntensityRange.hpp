@@ -12,8 +12,9 @@ struct ValueRange {
   bool empty() const { return !(min <= max); }  // no number in the image
 };
 
-// The smallest and largest values that are numbers; empty when there is none.
-ValueRange valueRange(const ImageObject& image, unsigned threads);
+// The smallest and largest values that are numbers (finite ones only when `finite`); empty when
+// there is none.
+ValueRange valueRange(const ImageObject& image, unsigned threads, bool finite = false);
 
 }  // namespace detail
 }  // namespace vorn

@@ -24,7 +24,7 @@ Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range,
       Histogram counts{};
       for (std::size_t k = begin; k < end; ++k) {
         const double value = pixels[k];
-        if (std::isnan(value)) continue;
+        if (!std::isfinite(value)) continue;
         const auto bin = static_cast<std::size_t>((value - range.min) * perUnit);
         counts[bin < kBins ? bin : kBins - 1] += 1.0;
       }
@@ -86,7 +86,7 @@ void OtsuThreshold::generateData() {
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const ImageObject& in = *input;
-  const detail::ValueRange range = detail::valueRange(in, threads);
+  const detail::ValueRange range = detail::valueRange(in, threads, true);
   double threshold = range.empty() ? 0.0 : range.min;
   if (!range.empty() && range.max > range.min) {
     threshold = otsuThreshold(histogramOf(in, range, threads), range);

@@ -72,7 +72,7 @@ void RescaleIntensity::generateData() {
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   if (!mapping.inMin || !mapping.inMax) {
-    detail::ValueRange range = detail::valueRange(*input, threads);
+    detail::ValueRange range = detail::valueRange(*input, threads, true);
     if (range.empty()) range = {0.0, 0.0};
     if (!mapping.inMin) mapping.inMin = std::min(range.min, mapping.inMax.value_or(range.min));
     if (!mapping.inMax) mapping.inMax = std::max(range.max, *mapping.inMin);
