@@ -1,6 +1,7 @@
 """Times each intensity and geometry operator of vorn against the NumPy, scipy or skimage call
 it is tested against, on the same 256^3 float volume in the same run, and prints a markdown
-table (median of a few runs; vorn at threads=1, its output's computation alone).
+table (median of a few runs; vorn at threads=1, its output's computation alone, recomputed into
+the buffer its first run allocated, as a pipeline updated again does).
 
 Usage: PYTHONPATH=build/release/python /usr/bin/python3 scripts/bench_scipy_intensity.py [SIZE]
 """

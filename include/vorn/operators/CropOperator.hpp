@@ -17,7 +17,9 @@
 // of an axis is refused, since nothing would be left.
 //
 // Regions of interest: only the bounding box of the output's region of interest (in the
-// output's indices) is copied; the rest of the output is 0.
+// output's indices) is copied; the rest of the output is 0.//
+// Sharp edges: an output that already owns an image of the result's type and box keeps its
+// buffer, so pixels read through a pointer taken before an update are overwritten by it.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

@@ -16,7 +16,9 @@
 //   order   a permutation of 0 .. N-1; empty (default) reverses the axes
 //
 // Both take `threads` (see Threads.hpp) and compute only the bounding box of the output's
-// region of interest (in the output's indices), leaving the rest of the output 0.
+// region of interest (in the output's indices), leaving the rest of the output 0.//
+// Sharp edges: an output that already owns an image of the result's type and box keeps its
+// buffer, so pixels read through a pointer taken before an update are overwritten by it.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

@@ -24,7 +24,9 @@
 // Two images of different sizes are refused before anything changes.
 //
 // Regions of interest: when the output's region of interest is set, only its bounding box
-// (clipped to the image) is computed and the rest of the output is 0.
+// (clipped to the image) is computed and the rest of the output is 0.//
+// Sharp edges: an output that already owns an image of the result's type and box keeps its
+// buffer, so pixels read through a pointer taken before an update are overwritten by it.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

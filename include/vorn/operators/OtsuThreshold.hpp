@@ -16,7 +16,9 @@
 // so its mask is all 0.
 //
 // Regions of interest: the threshold comes from the whole image; only the bounding box of the
-// output's region of interest is compared with it, the rest of the output is 0.
+// output's region of interest is compared with it, the rest of the output is 0.//
+// Sharp edges: an output that already owns an image of the result's type and box keeps its
+// buffer, so pixels read through a pointer taken before an update are overwritten by it.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

@@ -19,7 +19,9 @@
 //   threads        see Threads.hpp
 //
 // Regions of interest: only the bounding box of the output's region of interest (in the
-// output's indices) is filled; the rest of the output is 0.
+// output's indices) is filled; the rest of the output is 0.//
+// Sharp edges: an output that already owns an image of the result's type and box keeps its
+// buffer, so pixels read through a pointer taken before an update are overwritten by it.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

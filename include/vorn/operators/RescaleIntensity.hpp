@@ -22,7 +22,9 @@
 // output interval (the reference's choice). NaN pixels stay NaN (0 in an integer output).
 //
 // Regions of interest: the default input interval is the whole image's range; then only the
-// bounding box of the output's region of interest is mapped and the rest of the output is 0.
+// bounding box of the output's region of interest is mapped and the rest of the output is 0.//
+// Sharp edges: an output that already owns an image of the result's type and box keeps its
+// buffer, so pixels read through a pointer taken before an update are overwritten by it.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"
