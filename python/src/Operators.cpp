@@ -39,6 +39,28 @@ py::dict operatorInfo(const std::string& name) {
                   py::arg("parameters") = parameters);
 }
 
+// Math, rescale, otsu, label statistics, crop, pad, flip, permute, resample.
+void bindIntensityAndGeometry(py::module_& m) {
+  py::class_<MathOperator, ProcessObject, boost::shared_ptr<MathOperator>>(m, "MathOperator",
+                                                                           py::dynamic_attr())
+      .def(py::init<unsigned int>(), py::arg("images") = 1);
+  bindOperator<RescaleIntensity>(m, "RescaleIntensity");
+  bindOperator<OtsuThreshold>(m, "OtsuThreshold").def("getThreshold", &OtsuThreshold::getThreshold);
+  py::class_<LabelFigures>(m, "LabelFigures")
+      .def_readonly("label", &LabelFigures::label)
+      .def_readonly("figures", &LabelFigures::figures)
+      .def_readonly("start", &LabelFigures::start)
+      .def_readonly("size", &LabelFigures::size);
+  bindOperator<LabelStatistics>(m, "LabelStatistics")
+      .def("getStatistics", &LabelStatistics::getStatistics)
+      .def("silence", [](LabelStatistics& op) { op.setStream(nullptr); });
+  bindOperator<CropOperator>(m, "CropOperator");
+  bindOperator<PadOperator>(m, "PadOperator");
+  bindOperator<FlipOperator>(m, "FlipOperator");
+  bindOperator<PermuteAxes>(m, "PermuteAxes");
+  bindOperator<ResampleOperator>(m, "ResampleOperator");
+}
+
 void bindOperatorClasses(py::module_& m) {
   bindOperator<GaussianSmoothing>(m, "GaussianSmoothing");
   bindOperator<BinaryThreshold>(m, "BinaryThreshold");
@@ -56,6 +78,7 @@ void bindOperatorClasses(py::module_& m) {
   bindOperator<StatisticsOperator>(m, "StatisticsOperator")
       .def("getStatistics", &StatisticsOperator::getStatistics)
       .def("silence", [](StatisticsOperator& op) { op.setStream(nullptr); });
+  bindIntensityAndGeometry(m);
   m.def("createOperator", &createOperator, py::arg("name"));
   m.def("operatorInfo", &operatorInfo, py::arg("name"));
   m.def("operatorNames", [] {

@@ -13,6 +13,9 @@ def capture_output():
     return OutputCapture()
 
 
+from . import display as _display  # noqa: F401,E402 -- Jupyter's _repr_png_ and _repr_svg_
+
+
 def __getattr__(name):
     # vorn.view (a web server, tornado) is loaded when first used, not with vorn.
     if name == "view":

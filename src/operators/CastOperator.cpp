@@ -1,44 +1,15 @@
 #include "vorn/operators/CastOperator.hpp"
 
-#include <algorithm>
-#include <cmath>
-#include <limits>
-#include <string>
-#include <type_traits>
-
 #include "OperatorSupport.hpp"
+#include "PixelConversion.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
 namespace {
 
-PixelType::Type targetType(ProcessObject& op) {
-  const std::string& name = op.getParameterValue("type");
-  if (name == "uchar") return PixelType::UCHAR;
-  if (name == "short") return PixelType::SHORT;
-  if (name == "float") return PixelType::FLOAT;
-  detail::throwBadParameter(op, "type", name, "expected uchar, short or float");
-}
-
-// Every value of the three pixel types is exact in a double, and so is its sum with 0.5:
-// truncating that sum rounds half away from zero exactly. Clamping before the truncation gives
-// the same result (the bounds are integers) and lets the truncation be the conversion itself;
-// written without calls or branches, the loop vectorises.
-template <class To>
-To convert(double value) {
-  if constexpr (std::is_same_v<To, float>) {
-    return static_cast<float>(value);
-  } else {
-    const double lowest = std::numeric_limits<To>::lowest();
-    const double highest = std::numeric_limits<To>::max();
-    const double away = std::clamp(value + std::copysign(0.5, value), lowest, highest);
-    return std::isnan(value) ? To(0) : static_cast<To>(static_cast<int>(away));
-  }
-}
-
 template <class From, class To>
 void convertAll(const From* in, To* out, unsigned long count) {
-  for (unsigned long k = 0; k < count; ++k) out[k] = convert<To>(in[k]);
+  for (unsigned long k = 0; k < count; ++k) out[k] = detail::convertPixel<To>(in[k]);
 }
 
 }  // namespace
@@ -51,7 +22,7 @@ CastOperator::CastOperator() {
 }
 
 void CastOperator::generateData() {
-  const PixelType::Type type = targetType(*this);
+  const PixelType::Type type = detail::pixelTypeParameter(*this, "type");
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   output->Allocate(type, input->getBufferedRegion());

@@ -5,10 +5,18 @@
 #include "ImageFileCodecs.hpp"
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
+#include "vorn/operators/CropOperator.hpp"
+#include "vorn/operators/FlipOperator.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
+#include "vorn/operators/LabelStatistics.hpp"
 #include "vorn/operators/MaskOperator.hpp"
+#include "vorn/operators/MathOperator.hpp"
+#include "vorn/operators/OtsuThreshold.hpp"
+#include "vorn/operators/PadOperator.hpp"
+#include "vorn/operators/RescaleIntensity.hpp"
+#include "vorn/operators/ResampleOperator.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
 namespace vorn {
@@ -18,6 +26,12 @@ template <class T>
 boost::shared_ptr<ProcessObject> make() {
   return boost::make_shared<T>();
 }
+
+boost::shared_ptr<ProcessObject> makeMathOfTwo() { return boost::make_shared<MathOperator>(2); }
+
+const OperatorParameterInfo kThreads{"threads", "", "threads to use (empty or 0: every core)"};
+const char* const kMathOps = "add, sub, mul, div, min, max; abs, sqrt, log, exp, neg (math)";
+const OperatorParameterInfo kOutputType{"type", "float", "output pixel type: uchar, short or float"};
 
 std::vector<OperatorInfo> buildCatalog() {
   return {
@@ -66,6 +80,83 @@ std::vector<OperatorInfo> buildCatalog() {
        1,
        1,
        &make<StatisticsOperator>},
+      // Intensity and geometry operators.
+      {"math",
+       "Pixel-wise arithmetic of one image: with value= (add, sub, ...) or alone (abs, sqrt, ...).",
+       {{"op", "add", kMathOps}, {"value", "", "the number for add, sub, mul, div, min, max"},
+        kOutputType, kThreads},
+       1,
+       1,
+       &make<MathOperator>},
+      {"math2",
+       "Pixel-wise arithmetic of two images of the same size: input 0 op input 1.",
+       {{"op", "add", "add, sub, mul, div, min or max"}, {"value", "", "not used"}, kOutputType,
+        kThreads},
+       2,
+       1,
+       &makeMathOfTwo},
+      {"rescale",
+       "Maps [in_min,in_max] linearly onto [out_min,out_max], clipped.",
+       {{"in_min", "", "empty: the image's minimum"},
+        {"in_max", "", "empty: the image's maximum"},
+        {"out_min", "0", "value in_min maps to"},
+        {"out_max", "1", "value in_max maps to"},
+        kOutputType,
+        kThreads},
+       1,
+       1,
+       &make<RescaleIntensity>},
+      {"otsu",
+       "A uchar 0/1 mask of the pixels above Otsu's threshold (256 bins over the range).",
+       {kThreads},
+       1,
+       1,
+       &make<OtsuThreshold>},
+      {"crop",
+       "The box start=, size= of the image; the origin follows.",
+       {{"start", "0", "first pixel per axis (one value for all)"},
+        {"size", "", "pixels per axis (empty: to the end)"},
+        kThreads},
+       1,
+       1,
+       &make<CropOperator>},
+      {"pad",
+       "Grows each axis by before= and after= pixels: constant, edge or reflect.",
+       {{"before", "0", "pixels added at the start of each axis"},
+        {"after", "0", "pixels added at the end of each axis"},
+        {"mode", "constant", "constant, edge or reflect (numpy's reflect)"},
+        {"value", "0", "the constant"},
+        kThreads},
+       1,
+       1,
+       &make<PadOperator>},
+      {"flip",
+       "Reverses the pixels along axes= (empty: every axis).",
+       {{"axes", "", "axes to reverse, e.g. 0,2"}, kThreads},
+       1,
+       1,
+       &make<FlipOperator>},
+      {"permute",
+       "Reorders the axes: output axis k is input axis order[k].",
+       {{"order", "", "a permutation, e.g. 2,0,1 (empty: reversed)"}, kThreads},
+       1,
+       1,
+       &make<PermuteAxes>},
+      {"resample",
+       "The image on a new grid of the same extent (spacing= or size=), interpolated.",
+       {{"spacing", "", "new spacing per axis (one value for all)"},
+        {"size", "", "new pixels per axis (instead of spacing)"},
+        {"order", "1", "0 nearest, 1 linear, 3 cubic B-spline"},
+        kThreads},
+       1,
+       1,
+       &make<ResampleOperator>},
+      {"labelstats",
+       "Passes input 0 through and prints stats and the box of each label of input 1.",
+       {kThreads},
+       2,
+       1,
+       &make<LabelStatistics>},
   };
 }
 

@@ -16,6 +16,7 @@
 #include "vorn/PortProxy.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
 #include "vorn/operators/OperatorCatalog.hpp"
+#include "vorn/operators/LabelStatistics.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
 namespace vorn {
@@ -575,6 +576,7 @@ ProcessObject* TextPipeline::find(const std::string& name) const {
 void TextPipeline::setReportStream(std::ostream* stream) {
   for (ProcessObject* op : m_operators) {
     if (auto* stats = dynamic_cast<StatisticsOperator*>(op)) stats->setStream(stream);
+    if (auto* stats = dynamic_cast<LabelStatistics*>(op)) stats->setStream(stream);
   }
 }
 

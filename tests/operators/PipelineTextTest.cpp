@@ -192,7 +192,9 @@ TEST(OperatorCatalog, MatchesTheOperatorsItCreates) {
     }
   }
   EXPECT_EQ(names, (std::vector<std::string>{"read", "write", "cast", "gaussian", "threshold",
-                                             "mask", "stats"}));
+                                             "mask", "stats",
+                                             "math", "math2", "rescale", "otsu", "crop", "pad",
+                                             "flip", "permute", "resample", "labelstats"}));
   EXPECT_FALSE(vorn::createOperator("Gaussian"));
   EXPECT_EQ(vorn::findOperator(""), nullptr);
 }

@@ -1,0 +1,112 @@
+#include "vorn/operators/OtsuThreshold.hpp"
+
+#include <array>
+#include <cmath>
+#include <vector>
+
+#include "IntensityRange.hpp"
+#include "ParallelRows.hpp"
+#include "vorn/Parameter.hpp"
+
+namespace vorn {
+namespace {
+
+constexpr std::size_t kBins = 256;
+using Histogram = std::array<double, kBins>;
+
+Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range,
+                      unsigned threads) {
+  const double perUnit = static_cast<double>(kBins) / (range.max - range.min);
+  return detail::dispatchPixelType(image.getPointType(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    const T* pixels = static_cast<const T*>(image.getBuffer());
+    auto map = [&](std::size_t begin, std::size_t end) {
+      Histogram counts{};
+      for (std::size_t k = begin; k < end; ++k) {
+        const double value = pixels[k];
+        if (!std::isfinite(value)) continue;
+        const auto bin = static_cast<std::size_t>((value - range.min) * perUnit);
+        counts[bin < kBins ? bin : kBins - 1] += 1.0;
+      }
+      return counts;
+    };
+    auto combine = [](Histogram a, const Histogram& b) {
+      for (std::size_t bin = 0; bin < kBins; ++bin) a[bin] += b[bin];
+      return a;
+    };
+    return detail::parallelReduce(threads, image.getPixelNumber(), 1 << 16, Histogram{}, map,
+                                  combine);
+  });
+}
+
+// The class weights and means of both sides of every cut, summed from each end as the
+// reference does; the first cut with the largest between-class variance wins.
+double otsuThreshold(const Histogram& counts, const detail::ValueRange& range) {
+  const double width = (range.max - range.min) / kBins;
+  std::array<double, kBins> centre{};
+  for (std::size_t bin = 0; bin < kBins; ++bin) centre[bin] = range.min + (static_cast<double>(bin) + 0.5) * width;
+  std::array<double, kBins> weightAbove{};
+  std::array<double, kBins> sumAbove{};
+  double weight = 0.0;
+  double sum = 0.0;
+  for (std::size_t bin = kBins; bin-- > 0;) {
+    weightAbove[bin] = weight += counts[bin];
+    sumAbove[bin] = sum += counts[bin] * centre[bin];
+  }
+  double weightBelow = 0.0;
+  double sumBelow = 0.0;
+  double best = -1.0;
+  std::size_t cut = 0;
+  for (std::size_t bin = 0; bin + 1 < kBins; ++bin) {
+    weightBelow += counts[bin];
+    sumBelow += counts[bin] * centre[bin];
+    const double gap = sumBelow / weightBelow - sumAbove[bin + 1] / weightAbove[bin + 1];
+    const double variance = weightBelow * weightAbove[bin + 1] * gap * gap;
+    if (variance > best) {
+      best = variance;
+      cut = bin;
+    }
+  }
+  return centre[cut];
+}
+
+}  // namespace
+
+OtsuThreshold::OtsuThreshold() {
+  setName("OtsuThreshold");
+  addInput("ImageObject");
+  addOutput("ImageObject");
+  addParameter(detail::threadsParameter());
+}
+
+double OtsuThreshold::getThreshold() const { return m_threshold; }
+
+void OtsuThreshold::generateData() {
+  const unsigned threads = detail::threadsFor(*this);
+  const detail::ImagePtr input = detail::inputImage(*this, 0);
+  const detail::ImagePtr output = detail::outputImage(*this, 0);
+  const ImageObject& in = *input;
+  const detail::ValueRange range = detail::valueRange(in, threads, true);
+  double threshold = range.empty() ? 0.0 : range.min;
+  if (!range.empty() && range.max > range.min) {
+    threshold = otsuThreshold(histogramOf(in, range, threads), range);
+  }
+  const detail::Layout layout = detail::layoutOf(in);
+  const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
+  detail::allocateForRegion(*output, PixelType::UCHAR, in.getBufferedRegion(), layout, target);
+  detail::copyGeometry(in, *output);
+  unsigned char* mask = static_cast<unsigned char*>(output->getBuffer());
+  detail::dispatchPixelType(in.getPointType(), [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    const T* pixels = static_cast<const T*>(in.getBuffer());
+    detail::parallelRows(threads, layout, target,
+                         [&](long offset, const std::vector<long>&, long begin, long width) {
+                           for (long i = offset + begin; i < offset + begin + width; ++i) {
+                             mask[i] = static_cast<double>(pixels[i]) > threshold;
+                           }
+                         });
+  });
+  m_threshold = threshold;
+}
+
+}  // namespace vorn
