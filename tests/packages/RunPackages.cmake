@@ -27,7 +27,7 @@ foreach(deb ${debs})
   expect_version("${deb}" "${version}")
 endforeach()
 file(GLOB_RECURSE version_files ${root}/*/vorn-config-version.cmake)
-file(STRINGS "${version_files}" version REGEX "set\\(PACKAGE_VERSION ")
+file(STRINGS "${version_files}" version REGEX "set\\(PACKAGE_VERSION \"[0-9]")
 string(REGEX REPLACE ".*\"(.*)\".*" "\\1" version "${version}")
 expect_version("the CMake package" "${version}")
 
