@@ -136,13 +136,13 @@ std::string operatorDoc(const OperatorInfo& info, const ProcessObject& op) {
 }  // namespace
 
 void documentOperators() {
-  const py::handle base = py::type::of<ProcessObject>();
+  const py::type base = py::type::of<ProcessObject>();
   std::ostringstream lifecycleLines;  // the engine announces each operator's destruction
   const std::unique_ptr<std::streambuf, void (*)(std::streambuf*)> restore(
       std::cout.rdbuf(lifecycleLines.rdbuf()), [](std::streambuf* out) { std::cout.rdbuf(out); });
   for (const OperatorInfo& info : operatorCatalog()) {
     const boost::shared_ptr<ProcessObject> op = info.create();
-    const py::handle type = py::type::of(py::cast(op));
+    const py::type type = py::type::of(py::cast(op));
     if (!type.is(base)) type.attr("__doc__") = operatorDoc(info, *op);
   }
 }
