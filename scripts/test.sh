@@ -13,6 +13,7 @@ cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVORN_WERROR=ON \
   -DPython_EXECUTABLE=/usr/bin/python3
 cmake --build build/release -j "$jobs"
 ctest --test-dir build/release --output-on-failure -j "$jobs"
+bash scripts/test_wheel.sh build/release  # the wheel, from this build, in a fresh venv
 
 cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DVORN_WERROR=ON \
   -DVORN_SANITIZE=address,undefined -DVORN_BUILD_BENCHMARKS=OFF -DVORN_BUILD_PYTHON=OFF

@@ -17,6 +17,8 @@ namespace py = pybind11;
 void bindCore(py::module_& m);
 void bindImages(py::module_& m);
 void bindOperators(py::module_& m);
+// Gives each catalog operator's class its help text; called once every class is bound.
+void documentOperators();
 
 // C++ keeps plain pointers (observers) or shares (pipelines) of objects Python may own; the
 // Python side of such an object must live as long as C++ can call it. `owner` keeps `kept` in a

@@ -5,4 +5,5 @@ PYBIND11_MODULE(_vorn, m) {
   vorn::python::bindCore(m);
   vorn::python::bindImages(m);
   vorn::python::bindOperators(m);
+  vorn::python::documentOperators();
 }

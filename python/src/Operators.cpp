@@ -9,6 +9,7 @@
 #include <pybind11/stl.h>
 
 #include <vorn/ImageObject.hpp>
+#include <vorn/Parameter.hpp>
 #include <vorn/operators/operators.hpp>
 
 #include "Bindings.hpp"
@@ -169,7 +170,40 @@ void bindCapture(py::module_& m) {
       .def_property_readonly("text", &OutputCapture::text);
 }
 
+std::string parameterHelp(const OperatorInfo& info, const std::string& name) {
+  for (const OperatorParameterInfo& parameter : info.parameters) {
+    if (parameter.name == name) return ": " + parameter.help;
+  }
+  return "";
+}
+
+// The catalog's summary, and the parameters a new instance declares, with their defaults.
+std::string operatorDoc(const OperatorInfo& info, const ProcessObject& op) {
+  std::ostringstream doc;
+  doc << info.summary << "\n\nIn pipeline text: '" << info.name << "', " << info.inputs
+      << " input(s), " << info.outputs << " output(s).\n\nParameters (setParameterValue):";
+  const std::vector<const Parameter*> parameters = op.getParameters();
+  for (const Parameter* parameter : parameters) {
+    doc << "\n    " << parameter->getIDName() << " = '" << parameter->getValue() << "'"
+        << parameterHelp(info, parameter->getIDName());
+  }
+  if (parameters.empty()) doc << " none.";
+  return doc.str() + "\n";
+}
+
 }  // namespace
+
+void documentOperators() {
+  const py::type base = py::type::of<ProcessObject>();
+  std::ostringstream lifecycleLines;  // the engine announces each operator's destruction
+  const std::unique_ptr<std::streambuf, void (*)(std::streambuf*)> restore(
+      std::cout.rdbuf(lifecycleLines.rdbuf()), [](std::streambuf* out) { std::cout.rdbuf(out); });
+  for (const OperatorInfo& info : operatorCatalog()) {
+    const boost::shared_ptr<ProcessObject> op = info.create();
+    const py::type type = py::type::of(py::cast(op));
+    if (!type.is(base)) type.attr("__doc__") = operatorDoc(info, *op);
+  }
+}
 
 void bindOperators(py::module_& m) {
   bindOperatorClasses(m);

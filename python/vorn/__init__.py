@@ -6,6 +6,7 @@ NumPy array's memory. run() takes a pipeline as text, as the vorn-run command do
 """
 from ._vorn import *  # noqa: F401,F403 -- the module's whole API
 from ._vorn import OutputCapture
+from ._version import __version__  # noqa: F401
 
 
 def capture_output():

@@ -34,6 +34,17 @@ def output_path(input_path, folder, suffix=None):
     return os.path.join(folder, name)
 
 
+def import_dask():
+    """Dask, imported only when a batch runs on a cluster, so that vorn works without it."""
+    try:
+        import dask
+    except ImportError as missing:
+        raise ImportError("vorn.batch.run_batch needs Dask to run on a cluster: "
+                          "pip install 'vorn[dask]' (on Debian: apt install python3-dask "
+                          "python3-distributed)") from missing
+    return dask
+
+
 def run_one(text, input_path, output):
     """Runs the pipeline for one file in this process; never raises."""
     import vorn  # imported in the worker process
@@ -53,7 +64,6 @@ def run_batch(text, inputs, folder, client=None, suffix=None):
     jobs = [(path, output_path(path, folder, suffix)) for path in inputs]
     if client is None:
         return [run_one(text, path, out) for path, out in jobs]
-    import dask
-
+    dask = import_dask()
     tasks = [dask.delayed(run_one, pure=False)(text, path, out) for path, out in jobs]
     return list(client.compute(tasks, sync=True))

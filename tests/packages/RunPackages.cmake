@@ -1,12 +1,19 @@
 # Builds the Debian packages of the vorn build, unpacks them into a scratch root (dpkg -x; nothing
 # is installed on the machine), then builds and runs tests/consumer against the unpacked files
 # alone: through the CMake package, and through pkg-config. Also runs the packaged vorn-run and,
-# when packaged, imports the Python module.
+# when packaged, imports the Python module; each package, the CMake package, vorn-run and the
+# module must carry the project's version.
 set(root ${WORK_DIR}/root)
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${root})
 
 include(${CMAKE_CURRENT_LIST_DIR}/../consumer/RunStep.cmake)
+
+function(expect_version what text)
+  if(NOT text MATCHES "(^| )${VORN_VERSION}$")
+    message(FATAL_ERROR "${what} says version '${text}', the project is ${VORN_VERSION}")
+  endif()
+endfunction()
 
 run_step(${CMAKE_CPACK_COMMAND} --config ${VORN_BUILD_DIR}/CPackConfig.cmake -G DEB
   -B ${WORK_DIR}/debs)
@@ -15,7 +22,14 @@ foreach(deb ${debs})
   message(STATUS "unpacking ${deb}")
   run_step(dpkg-deb --info ${deb})
   run_step(dpkg -x ${deb} ${root})
+  execute_process(COMMAND dpkg-deb -f ${deb} Version OUTPUT_VARIABLE version
+    OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  expect_version("${deb}" "${version}")
 endforeach()
+file(GLOB_RECURSE version_files ${root}/*/vorn-config-version.cmake)
+file(STRINGS "${version_files}" version REGEX "set\\(PACKAGE_VERSION \"[0-9]")
+string(REGEX REPLACE ".*\"(.*)\".*" "\\1" version "${version}")
+expect_version("the CMake package" "${version}")
 
 run_step(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${WORK_DIR}/cmake-consumer
   -DCMAKE_PREFIX_PATH=${root}/usr -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
@@ -33,8 +47,13 @@ run_step(${CXX_COMPILER} ${CONSUMER_SOURCE_DIR}/main.cpp -o ${WORK_DIR}/pc-consu
   -Wl,-rpath,${libdir})
 run_step(${WORK_DIR}/pc-consumer)
 
-run_step(${root}/usr/bin/vorn-run --version)
+execute_process(COMMAND ${root}/usr/bin/vorn-run --version OUTPUT_VARIABLE version
+  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+expect_version("vorn-run --version" "${version}")
 if(EXISTS ${root}/usr/lib/python3/dist-packages/vorn)
   set(ENV{PYTHONPATH} ${root}/usr/lib/python3/dist-packages)
   run_step(${PYTHON_EXECUTABLE} -c "import vorn; print(vorn.__file__, vorn.operatorNames())")
+  execute_process(COMMAND ${PYTHON_EXECUTABLE} -c "import vorn; print(vorn.__version__)"
+    OUTPUT_VARIABLE version OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  expect_version("vorn.__version__" "${version}")
 endif()
