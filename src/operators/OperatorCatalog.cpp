@@ -15,8 +15,8 @@
 #include "vorn/operators/MathOperator.hpp"
 #include "vorn/operators/OtsuThreshold.hpp"
 #include "vorn/operators/PadOperator.hpp"
-#include "vorn/operators/RescaleIntensity.hpp"
 #include "vorn/operators/ResampleOperator.hpp"
+#include "vorn/operators/RescaleIntensity.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
 namespace vorn {
@@ -31,7 +31,8 @@ boost::shared_ptr<ProcessObject> makeMathOfTwo() { return boost::make_shared<Mat
 
 const OperatorParameterInfo kThreads{"threads", "", "threads to use (empty or 0: every core)"};
 const char* const kMathOps = "add, sub, mul, div, min, max; abs, sqrt, log, exp, neg (math)";
-const OperatorParameterInfo kOutputType{"type", "float", "output pixel type: uchar, short or float"};
+const OperatorParameterInfo kOutputType{"type", "float",
+                                        "output pixel type: uchar, short or float"};
 
 std::vector<OperatorInfo> buildCatalog() {
   return {
@@ -83,14 +84,18 @@ std::vector<OperatorInfo> buildCatalog() {
       // Intensity and geometry operators.
       {"math",
        "Pixel-wise arithmetic of one image: with value= (add, sub, ...) or alone (abs, sqrt, ...).",
-       {{"op", "add", kMathOps}, {"value", "", "the number for add, sub, mul, div, min, max"},
-        kOutputType, kThreads},
+       {{"op", "add", kMathOps},
+        {"value", "", "the number for add, sub, mul, div, min, max"},
+        kOutputType,
+        kThreads},
        1,
        1,
        &make<MathOperator>},
       {"math2",
        "Pixel-wise arithmetic of two images of the same size: input 0 op input 1.",
-       {{"op", "add", "add, sub, mul, div, min or max"}, {"value", "", "not used"}, kOutputType,
+       {{"op", "add", "add, sub, mul, div, min or max"},
+        {"value", "", "not used"},
+        kOutputType,
         kThreads},
        2,
        1,

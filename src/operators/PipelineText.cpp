@@ -15,8 +15,8 @@
 #include "vorn/Port.hpp"
 #include "vorn/PortProxy.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
-#include "vorn/operators/OperatorCatalog.hpp"
 #include "vorn/operators/LabelStatistics.hpp"
+#include "vorn/operators/OperatorCatalog.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
 namespace vorn {

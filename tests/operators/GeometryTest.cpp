@@ -47,7 +47,12 @@ const Expected kRampCases[] = {
      {0.5, 1.5},
      {-0.5, -2.75},
      {-1, -1, -1, -1, -1, -1, 0, 1, 2, 3, -1, 4, 5, 6, 7, -1, 8, 9, 10, 11}},
-    {"flip", {{"axes", "0"}}, {4, 3}, {0.5, 1.5}, {0, -1.25}, {3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8}},
+    {"flip",
+     {{"axes", "0"}},
+     {4, 3},
+     {0.5, 1.5},
+     {0, -1.25},
+     {3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8}},
 };
 
 void expectResult(const vorn::ImageObject& out, const Expected& e) {
@@ -71,11 +76,13 @@ TEST(Geometry, MatchesNumPyOnARamp) {
                                      {makeImage<short>({4}, {0, 1, 2, 3})})),
                {"pad", {}, {16}, {0.5}, {-3.5}, {1, 0, 1, 2, 3, 2, 1, 0, 1, 2, 3, 2, 1, 0, 1, 2}});
   // np.transpose(np.arange(24).reshape(2, 3, 4), (1, 2, 0)).
-  expectResult(*outputOf(*runCatalog("permute", {{"order", "2,0,1"}},
-                                     {makeImage<float>({4, 3, 2}, ramp(24))})),
-               {"permute", {}, {2, 4, 3}, {2.5, 0.5, 1.5}, {-2.5, 0, -1.25},
-                {0, 12, 1, 13, 2, 14, 3, 15, 4, 16, 5, 17, 6, 18, 7, 19, 8, 20,
-                 9, 21, 10, 22, 11, 23}});
+  expectResult(
+      *outputOf(
+          *runCatalog("permute", {{"order", "2,0,1"}}, {makeImage<float>({4, 3, 2}, ramp(24))})),
+      {"permute", {}, {2, 4, 3}, {2.5, 0.5, 1.5}, {-2.5, 0, -1.25}, {0, 12, 1,  13, 2,  14,
+                                                                     3, 15, 4,  16, 5,  17,
+                                                                     6, 18, 7,  19, 8,  20,
+                                                                     9, 21, 10, 22, 11, 23}});
 }
 
 // scipy.ndimage.map_coordinates(x, [(origin' + i spacing' - origin) / spacing], order,
@@ -108,18 +115,22 @@ TEST(Resample, MatchesMapCoordinates) {
        {15},
        {0.2},
        {-0.15},
-       {-0.06699124, 0.047841504, 0.36679614, 0.8562517, 1.5060432, 2.6079323, 4.603418,
-        7.242786, 8.931388, 8.152459, 5.4120445, 2.2540102, -0.21779504, -1.7708226,
-        -2.3206115}},
+       {-0.06699124, 0.047841504, 0.36679614, 0.8562517, 1.5060432, 2.6079323, 4.603418, 7.242786,
+        8.931388, 8.152459, 5.4120445, 2.2540102, -0.21779504, -1.7708226, -2.3206115}},
   };
-  for (const Expected& e : cases) expectResult(*outputOf(*runCatalog(e.name, e.parameters, {line})), e);
-  const ImagePtr plane = makeImage<float>(
-      {5, 4}, {0, 1, 4, 9, 3, 2, 2, 8, -1, 0, 5, 7, 1, 1, 6, 0, 0, 3, 9, 2});
+  for (const Expected& e : cases)
+    expectResult(*outputOf(*runCatalog(e.name, e.parameters, {line})), e);
+  const ImagePtr plane =
+      makeImage<float>({5, 4}, {0, 1, 4, 9, 3, 2, 2, 8, -1, 0, 5, 7, 1, 1, 6, 0, 0, 3, 9, 2});
   expectResult(*outputOf(*runCatalog("resample", {{"size", "3,6"}, {"order", "3"}}, {plane})),
-               {"resample 2-D cubic", {}, {3, 6}, {2.5 / 3, 1}, {1.0 / 6, -1.5},
-                {0.25674668, 3.5346591, 5.7435565, 0.17369266, 6.757214, 1.4654665,
-                 2.3024092, 7.311135, -0.7968988, 5.9149055, 1.9121563, 3.6353283,
-                 3.4113998, 1.1889383, 5.2935214, -0.6239189, 3.321824, 4.360497}});
+               {"resample 2-D cubic",
+                {},
+                {3, 6},
+                {2.5 / 3, 1},
+                {1.0 / 6, -1.5},
+                {0.25674668, 3.5346591, 5.7435565, 0.17369266, 6.757214, 1.4654665, 2.3024092,
+                 7.311135, -0.7968988, 5.9149055, 1.9121563, 3.6353283, 3.4113998, 1.1889383,
+                 5.2935214, -0.6239189, 3.321824, 4.360497}});
 }
 
 // Integer pixels round and clamp as cast does, whatever the operator computes in between.
@@ -127,9 +138,9 @@ TEST(Geometry, IntegerPixelsRoundAndClamp) {
   const ImagePtr bytes = makeImage<unsigned char>({6}, {0, 255, 0, 255, 255, 0});
   // np.clip(np.rint(map_coordinates(x, ..., order=3, mode='nearest')), 0, 255): the cubic
   // overshoots both ends.
-  expectResult(*outputOf(*runCatalog("resample", {{"size", "9"}, {"order", "3"}}, {bytes})),
-               {"resample uchar", {}, {9}, {1.0 / 3}, {-1.0 / 12},
-                {0, 159, 233, 24, 88, 255, 255, 118, 0}});
+  expectResult(
+      *outputOf(*runCatalog("resample", {{"size", "9"}, {"order", "3"}}, {bytes})),
+      {"resample uchar", {}, {9}, {1.0 / 3}, {-1.0 / 12}, {0, 159, 233, 24, 88, 255, 255, 118, 0}});
   expectResult(*outputOf(*runCatalog("pad", {{"after", "2"}, {"value", "300"}}, {bytes})),
                {"pad uchar", {}, {8}, {0.5}, {0}, {0, 255, 0, 255, 255, 0, 255, 255}});
   // np.pad([5], 2, 'reflect'): a single pixel mirrors onto itself.

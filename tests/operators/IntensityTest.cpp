@@ -46,8 +46,8 @@ TEST(Math, MatchesNumPy) {
   const ImagePtr b = makeImage<float>({6}, kB);
   for (const Case& c : kMathCases) {
     const bool two = std::string(c.name) == "math2";
-    const auto op = runCatalog(c.name, c.parameters, two ? std::vector<ImagePtr>{a, b}
-                                                         : std::vector<ImagePtr>{a});
+    const auto op = runCatalog(c.name, c.parameters,
+                               two ? std::vector<ImagePtr>{a, b} : std::vector<ImagePtr>{a});
     expectMatches(valuesOf(*outputOf(*op)), c.expected, describe(c.name, c.parameters));
   }
 }
@@ -75,7 +75,8 @@ TEST(Rescale, MatchesSkimage) {
 // Infinities are left out of the default range and clip to its ends; NaN stays.
 TEST(Rescale, AndOtsuLeaveInfinitiesOutOfTheRange) {
   const ImagePtr image = makeImage<float>(
-      {6}, {static_cast<float>(-kInf), 0, 5, 10, static_cast<float>(kInf), static_cast<float>(kNaN)});
+      {6},
+      {static_cast<float>(-kInf), 0, 5, 10, static_cast<float>(kInf), static_cast<float>(kNaN)});
   expectMatches(valuesOf(*outputOf(*runCatalog("rescale", {}, {image}))), {0, 0, 0.5, 1, 1, kNaN},
                 "rescale with infinities");
   EXPECT_EQ(valuesOf(*outputOf(*runCatalog("otsu", {}, {image}))),
@@ -84,8 +85,8 @@ TEST(Rescale, AndOtsuLeaveInfinitiesOutOfTheRange) {
 
 // skimage.filters.threshold_otsu gives 0.99716794 for these values.
 TEST(Otsu, MatchesSkimage) {
-  const std::vector<float> values{0.1f, 0.3f, 0.2f, 0.25f, 0.15f, 2.0f, 2.4f, 2.2f,
-                                  2.1f, 1.0f, 0.05f, 2.6f, 3.1f, 1.7f, 0.4f, 0.35f};
+  const std::vector<float> values{0.1f, 0.3f, 0.2f,  0.25f, 0.15f, 2.0f, 2.4f, 2.2f,
+                                  2.1f, 1.0f, 0.05f, 2.6f,  3.1f,  1.7f, 0.4f, 0.35f};
   const auto op = runCatalog("otsu", {}, {makeImage<float>({4, 4}, values)});
   EXPECT_NEAR(static_cast<vorn::OtsuThreshold&>(*op).getThreshold(), 0.99716794, 1e-6);
   EXPECT_EQ(valuesOf(*outputOf(*op)),
@@ -162,23 +163,33 @@ TEST(IntensityAndGeometry, RefuseBadParametersNamingThem) {
     const auto& [key, value] = r.parameters.back();
     const std::string message =
         "parameter '" + key + "' has invalid value '" + value + "': " + r.fragment;
-    expectThrow<std::ios_base::failure>([&] { runCatalog(name, r.parameters, inputs); },
-                                        {message});
+    expectThrow<std::ios_base::failure>([&] { runCatalog(name, r.parameters, inputs); }, {message});
   }
   // Inputs that do not fit each other.
   const ImagePtr other = makeImage<float>({4, 3, 3}, {1});
-  expectThrow<std::ios_base::failure>([&] { runCatalog("math2", {}, {image, other}); },
-                                      {"input 1 is 4x3x3 pixels but input 0 is 4x3x2"});
-  expectThrow<std::ios_base::failure>([&] { runCatalog("labelstats", {}, {image, image}); },
-                                      {"labels on input 1 are float, expected uchar or short"});
+  expectThrow<std::ios_base::failure>(
+      [&] {
+        runCatalog("math2", {}, {image, other});
+      },
+      {"input 1 is 4x3x3 pixels but input 0 is 4x3x2"});
+  expectThrow<std::ios_base::failure>(
+      [&] {
+        runCatalog("labelstats", {}, {image, image});
+      },
+      {"labels on input 1 are float, expected uchar or short"});
   ImagePtr flatSpacing = makeImage<float>({4}, {1});
   flatSpacing->setSpacing(0, 0.0);
   expectThrow<std::ios_base::failure>(
-      [&] { runCatalog("resample", {{"size", "2"}}, {flatSpacing}); },
+      [&] {
+        runCatalog("resample", {{"size", "2"}}, {flatSpacing});
+      },
       {"spacing on axis 0 is 0.000000, expected a positive number"});
   const ImagePtr flat = makeImage<short>({4, 3}, {1});
-  expectThrow<std::ios_base::failure>([&] { runCatalog("labelstats", {}, {image, flat}); },
-                                      {"differ in size"});
+  expectThrow<std::ios_base::failure>(
+      [&] {
+        runCatalog("labelstats", {}, {image, flat});
+      },
+      {"differ in size"});
 }
 
 }  // namespace

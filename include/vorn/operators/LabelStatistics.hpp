@@ -31,10 +31,10 @@ namespace vorn {
 
 // The figures of one label: its value, the statistics of its pixels, and its bounding box.
 struct LabelFigures {
-  long label = 0;              // the label's value, never 0
-  ImageStatistics figures;     // over the label's pixels, NaN left out
-  std::vector<long> start;     // the box's first index per axis, axis 0 first
-  std::vector<long> size;      // its size per axis
+  long label = 0;           // the label's value, never 0
+  ImageStatistics figures;  // over the label's pixels, NaN left out
+  std::vector<long> start;  // the box's first index per axis, axis 0 first
+  std::vector<long> size;   // its size per axis
 };
 
 // Statistics and bounding box of every label of a label image.

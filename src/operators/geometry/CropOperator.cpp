@@ -31,9 +31,9 @@ void CropOperator::generateData() {
   for (unsigned axis = 0; axis < axes; ++axis) {
     const long length = layout.size[axis];
     if (start[axis] >= length) {
-      detail::throwBadParameter(*this, "start", getParameterValue("start"),
-                                "axis " + std::to_string(axis) + " has only " +
-                                    std::to_string(length) + " pixels");
+      detail::throwBadParameter(
+          *this, "start", getParameterValue("start"),
+          "axis " + std::to_string(axis) + " has only " + std::to_string(length) + " pixels");
     }
     const long kept = std::min(size[axis], length - start[axis]);
     std::vector<long>& index = remapping.axes[axis].index;

@@ -49,9 +49,9 @@ void PermuteAxes::generateData() {
     for (unsigned axis = axes; axis-- > 0;) order.push_back(axis);
   }
   if (order.size() != axes) {
-    detail::throwBadParameter(*this, "order", getParameterValue("order"),
-                              "expected every axis from 0 to " + std::to_string(axes - 1) +
-                                  " once");
+    detail::throwBadParameter(
+        *this, "order", getParameterValue("order"),
+        "expected every axis from 0 to " + std::to_string(axes - 1) + " once");
   }
   const unsigned threads = detail::threadsFor(*this);
   const detail::Remapping identity = detail::identityRemapping(*input);

@@ -24,8 +24,8 @@ std::vector<std::vector<long>> offsetTables(const Remapping& remapping, const La
 }
 
 template <class T>
-void gather(const T* in, T* out, const std::vector<std::vector<long>>& tables, T fill,
-            long offset, const std::vector<long>& index, long begin, long width) {
+void gather(const T* in, T* out, const std::vector<std::vector<long>>& tables, T fill, long offset,
+            const std::vector<long>& index, long begin, long width) {
   long base = 0;
   for (std::size_t axis = 1; axis < tables.size(); ++axis) {
     const long part = tables[axis][static_cast<std::size_t>(index[axis])];
@@ -126,17 +126,16 @@ std::vector<long> wholeListParameter(ProcessObject& op, const std::string& name,
   return numbers;
 }
 
-std::vector<unsigned> axisListParameter(ProcessObject& op, const std::string& name,
-                                        unsigned axes) {
+std::vector<unsigned> axisListParameter(ProcessObject& op, const std::string& name, unsigned axes) {
   const std::string value = op.getParameterValue(name);
   std::vector<unsigned> list;
   if (value.empty()) return list;
   for (const std::string& part : split(value)) {
     long axis = 0;
     if (!parseLong(part, axis) || axis < 0 || axis >= static_cast<long>(axes)) {
-      throwBadParameter(op, name, value,
-                        "expected axes from 0 to " + std::to_string(axes - 1) +
-                            " separated by commas");
+      throwBadParameter(
+          op, name, value,
+          "expected axes from 0 to " + std::to_string(axes - 1) + " separated by commas");
     }
     if (std::find(list.begin(), list.end(), axis) != list.end()) {
       throwBadParameter(op, name, value, "axis " + part + " given twice");

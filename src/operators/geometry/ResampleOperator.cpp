@@ -57,13 +57,12 @@ std::vector<Axis> newGrid(ProcessObject& op, const ImageObject& image) {
   std::vector<Axis> grid;
   for (unsigned axis = 0; axis < axes; ++axis) {
     if (!(image.getSpacing(axis) > 0) || !std::isfinite(image.getSpacing(axis))) {
-      throw std::invalid_argument(op.getName() + ": the input's spacing on axis " +
-                                  std::to_string(axis) + " is " +
-                                  std::to_string(image.getSpacing(axis)) +
-                                  ", expected a positive number");
+      throw std::invalid_argument(
+          op.getName() + ": the input's spacing on axis " + std::to_string(axis) + " is " +
+          std::to_string(image.getSpacing(axis)) + ", expected a positive number");
     }
-    const double extent = static_cast<double>(image.getBufferedRegion().m_size[axis]) *
-                          image.getSpacing(axis);
+    const double extent =
+        static_cast<double>(image.getBufferedRegion().m_size[axis]) * image.getSpacing(axis);
     const double count = bySpacing ? std::max(1.0, std::round(extent / spacing[axis]))
                                    : static_cast<double>(sizes[axis]);
     if (count > static_cast<double>(kMaxSize)) {
@@ -180,8 +179,7 @@ void splineFilter(double* c, long n, long step, long lanes) {
 }
 
 // The B-spline coefficients of the image extended by kSplinePad edge pixels on every side.
-Scratch splineCoefficients(const ImageObject& image, Layout& layout,
-                                       unsigned threads) {
+Scratch splineCoefficients(const ImageObject& image, Layout& layout, unsigned threads) {
   const Layout in = detail::layoutOf(image);
   std::vector<long> sizes;
   for (long size : in.size) sizes.push_back(size + 2 * kSplinePad);
@@ -211,15 +209,14 @@ Scratch splineCoefficients(const ImageObject& image, Layout& layout,
     }
     Region lines = whole;
     if (axis > 0) lines.size[axis] = 1;
-    detail::parallelRows(threads, layout, lines,
-                         [&](long offset, const std::vector<long>&, long begin, long width) {
-                           if (axis == 0) {
-                             splineFilter(c + offset, sizes[0], 1, 1);
-                           } else {
-                             splineFilter(c + offset + begin, sizes[axis],
-                                          layout.stride[axis], width);
-                           }
-                         });
+    detail::parallelRows(
+        threads, layout, lines, [&](long offset, const std::vector<long>&, long begin, long width) {
+          if (axis == 0) {
+            splineFilter(c + offset, sizes[0], 1, 1);
+          } else {
+            splineFilter(c + offset + begin, sizes[axis], layout.stride[axis], width);
+          }
+        });
   }
   return coefficients;
 }
@@ -232,36 +229,36 @@ void resampleAxis(const S* src, const Layout& from, double* dst, const Layout& t
   const long k = taps.count;
   const long* tapIndex = taps.index.data();
   const double* tapWeight = taps.weight.data();
-  detail::parallelRows(
-      threads, to, work, [&](long offset, const std::vector<long>& index, long begin, long width) {
-        long base = 0;
-        for (unsigned a = 1; a < index.size(); ++a) {
-          if (a != axis) base += index[a] * from.stride[a];
-        }
-        double* out = dst + offset;
-        if (axis == 0) {
-          for (long x = begin; x < begin + width; ++x) {
-            double sum = 0.0;
-            for (long t = x * k; t < x * k + k; ++t) sum += tapWeight[t] * src[base + tapIndex[t]];
-            out[x] = sum;
-          }
-          return;
-        }
-        std::fill(out + begin, out + begin + width, 0.0);
-        for (long t = index[axis] * k; t < index[axis] * k + k; ++t) {
-          const S* line = src + base + tapIndex[t] * from.stride[axis];
-          const double w = tapWeight[t];
-          for (long x = begin; x < begin + width; ++x) out[x] += w * line[x];
-        }
-      });
+  detail::parallelRows(threads, to, work,
+                       [&](long offset, const std::vector<long>& index, long begin, long width) {
+                         long base = 0;
+                         for (unsigned a = 1; a < index.size(); ++a) {
+                           if (a != axis) base += index[a] * from.stride[a];
+                         }
+                         double* out = dst + offset;
+                         if (axis == 0) {
+                           for (long x = begin; x < begin + width; ++x) {
+                             double sum = 0.0;
+                             for (long t = x * k; t < x * k + k; ++t)
+                               sum += tapWeight[t] * src[base + tapIndex[t]];
+                             out[x] = sum;
+                           }
+                           return;
+                         }
+                         std::fill(out + begin, out + begin + width, 0.0);
+                         for (long t = index[axis] * k; t < index[axis] * k + k; ++t) {
+                           const S* line = src + base + tapIndex[t] * from.stride[axis];
+                           const double w = tapWeight[t];
+                           for (long x = begin; x < begin + width; ++x) out[x] += w * line[x];
+                         }
+                       });
 }
 
 // Every axis in turn; what each pass computes is the target's range on the axes already
 // resampled and all of the source on the others.
 template <class S>
 Scratch resampleAll(const S* source, Layout from, const std::vector<Taps>& taps,
-                                const std::vector<Axis>& grid, const Region& target,
-                                unsigned threads) {
+                    const std::vector<Axis>& grid, const Region& target, unsigned threads) {
   Scratch current;
   for (unsigned axis = 0; axis < grid.size(); ++axis) {
     std::vector<long> sizes = from.size;
@@ -324,8 +321,8 @@ void ResampleOperator::generateData() {
   } else if (!target.empty()) {
     detail::dispatchPixelType(image.getPointType(), [&](auto tag) {
       using T = typename decltype(tag)::type;
-      values = resampleAll(static_cast<const T*>(image.getBuffer()), detail::layoutOf(image),
-                           taps, grid, target, threads);
+      values = resampleAll(static_cast<const T*>(image.getBuffer()), detail::layoutOf(image), taps,
+                           grid, target, threads);
     });
   }
   detail::allocateForRegion(*output, image.getPointType(), box, layout, target);

@@ -25,9 +25,12 @@ struct Partial {
   std::vector<long> low, high;  // per label, then per axis; low > high: no pixel yet
 
   Partial(std::size_t labels, std::size_t axes)
-      : count(labels), min(labels, std::numeric_limits<double>::infinity()),
-        max(labels, -std::numeric_limits<double>::infinity()), sum(labels),
-        low(labels * axes, std::numeric_limits<long>::max()), high(labels * axes, -1) {}
+      : count(labels),
+        min(labels, std::numeric_limits<double>::infinity()),
+        max(labels, -std::numeric_limits<double>::infinity()),
+        sum(labels),
+        low(labels * axes, std::numeric_limits<long>::max()),
+        high(labels * axes, -1) {}
 
   void merge(const Partial& other) {
     for (std::size_t l = 0; l < count.size(); ++l) {
@@ -55,8 +58,7 @@ P reduceRows(unsigned threads, const Layout& layout, P zero, Visit visit, Combin
   const auto grain = static_cast<std::size_t>(std::max(1L, (1L << 20) / slice));
   auto map = [&](std::size_t begin, std::size_t end) {
     P partial = zero;
-    const Region part =
-        detail::slab(whole, axis, static_cast<long>(begin), static_cast<long>(end));
+    const Region part = detail::slab(whole, axis, static_cast<long>(begin), static_cast<long>(end));
     detail::forEachRow(layout, part, 0, [&](long offset, const std::vector<long>& index) {
       for (long x = part.start[0]; x < part.start[0] + part.size[0]; ++x) {
         visit(partial, offset + x, x, index);
@@ -86,13 +88,14 @@ std::vector<LabelFigures> figuresOf(const T* values, const L* labels, const Layo
     p.max[slot] = std::max(p.max[slot], v);
     p.sum[slot] += v;
   };
-  const Partial total = reduceRows(threads, layout, Partial(slots, axes), gather,
-                                   [](Partial a, const Partial& b) {
-                                     a.merge(b);
-                                     return a;
-                                   });
+  const Partial total =
+      reduceRows(threads, layout, Partial(slots, axes), gather, [](Partial a, const Partial& b) {
+        a.merge(b);
+        return a;
+      });
   std::vector<double> mean(slots);
-  for (std::size_t l = 0; l < slots; ++l) mean[l] = total.sum[l] / static_cast<double>(total.count[l]);
+  for (std::size_t l = 0; l < slots; ++l)
+    mean[l] = total.sum[l] / static_cast<double>(total.count[l]);
   // The squared deviations from each label's mean, a second pass as StatisticsOperator does.
   auto deviate = [&](std::vector<double>& p, long k, long, const std::vector<long>&) {
     const auto slot = static_cast<std::size_t>(labels[k] - lowest);
@@ -113,7 +116,9 @@ std::vector<LabelFigures> figuresOf(const T* values, const L* labels, const Layo
     LabelFigures f;
     f.label = label;
     const unsigned long n = total.count[l];
-    f.figures = ImageStatistics{n, n ? total.min[l] : nan, n ? total.max[l] : nan,
+    f.figures = ImageStatistics{n,
+                                n ? total.min[l] : nan,
+                                n ? total.max[l] : nan,
                                 n ? mean[l] : nan,
                                 n ? std::sqrt(squares[l] / static_cast<double>(n)) : nan,
                                 total.sum[l]};
@@ -144,7 +149,8 @@ void checkInputs(const ProcessObject& op, const ImageObject& values, const Image
   const Box& a = values.getBufferedRegion();
   const Box& b = labels.getBufferedRegion();
   bool same = a.m_dimension == b.m_dimension;
-  for (unsigned axis = 0; same && axis < a.m_dimension; ++axis) same = a.m_size[axis] == b.m_size[axis];
+  for (unsigned axis = 0; same && axis < a.m_dimension; ++axis)
+    same = a.m_size[axis] == b.m_size[axis];
   if (!same) {
     throw std::invalid_argument(op.getName() +
                                 ": the labels on input 1 and the image on input 0 differ in size");
@@ -183,8 +189,8 @@ void LabelStatistics::generateData() {
       return figuresOf(pixels, static_cast<const unsigned char*>(labels.getBuffer()), layout,
                        lowest, slots, threads);
     }
-    return figuresOf(pixels, static_cast<const short*>(labels.getBuffer()), layout, lowest,
-                     slots, threads);
+    return figuresOf(pixels, static_cast<const short*>(labels.getBuffer()), layout, lowest, slots,
+                     threads);
   });
   detail::outputImage(*this, 0)->import(input.get(), this);
   m_statistics = std::move(figures);

@@ -22,12 +22,11 @@ struct OpName {
   bool binary;
 };
 
-constexpr OpName kOps[] = {{"add", Op::Add, true},   {"sub", Op::Sub, true},
-                           {"mul", Op::Mul, true},   {"div", Op::Div, true},
-                           {"min", Op::Min, true},   {"max", Op::Max, true},
-                           {"abs", Op::Abs, false},  {"sqrt", Op::Sqrt, false},
-                           {"log", Op::Log, false},  {"exp", Op::Exp, false},
-                           {"neg", Op::Neg, false}};
+constexpr OpName kOps[] = {
+    {"add", Op::Add, true},  {"sub", Op::Sub, true},    {"mul", Op::Mul, true},
+    {"div", Op::Div, true},  {"min", Op::Min, true},    {"max", Op::Max, true},
+    {"abs", Op::Abs, false}, {"sqrt", Op::Sqrt, false}, {"log", Op::Log, false},
+    {"exp", Op::Exp, false}, {"neg", Op::Neg, false}};
 
 // What generateData checked before touching an image.
 struct Request {
@@ -54,8 +53,8 @@ Request readRequest(ProcessObject& op, unsigned images) {
   }
   const bool needsValue = images == 1 && request.op.binary;
   if (!needsValue && !value.empty()) {
-    detail::throwBadParameter(op, "value", value, "not used by op=" + opName +
-                                                      (images == 2 ? " of two images" : ""));
+    detail::throwBadParameter(op, "value", value,
+                              "not used by op=" + opName + (images == 2 ? " of two images" : ""));
   }
   if (needsValue && value.empty()) {
     detail::throwBadParameter(op, "value", value, "op=" + opName + " of one image needs a number");
@@ -94,17 +93,39 @@ float nanMax(float a, float b) { return std::isnan(a) || std::isnan(b) ? a + b :
 // One switch per row, then a plain loop the compiler vectorises.
 void apply(Op op, const float* a, const float* b, float* r, long n) {
   switch (op) {
-    case Op::Add: for (long i = 0; i < n; ++i) r[i] = a[i] + b[i]; break;
-    case Op::Sub: for (long i = 0; i < n; ++i) r[i] = a[i] - b[i]; break;
-    case Op::Mul: for (long i = 0; i < n; ++i) r[i] = a[i] * b[i]; break;
-    case Op::Div: for (long i = 0; i < n; ++i) r[i] = a[i] / b[i]; break;
-    case Op::Min: for (long i = 0; i < n; ++i) r[i] = nanMin(a[i], b[i]); break;
-    case Op::Max: for (long i = 0; i < n; ++i) r[i] = nanMax(a[i], b[i]); break;
-    case Op::Abs: for (long i = 0; i < n; ++i) r[i] = std::fabs(a[i]); break;
-    case Op::Sqrt: for (long i = 0; i < n; ++i) r[i] = std::sqrt(a[i]); break;
-    case Op::Log: for (long i = 0; i < n; ++i) r[i] = std::log(a[i]); break;
-    case Op::Exp: for (long i = 0; i < n; ++i) r[i] = std::exp(a[i]); break;
-    case Op::Neg: for (long i = 0; i < n; ++i) r[i] = -a[i]; break;
+    case Op::Add:
+      for (long i = 0; i < n; ++i) r[i] = a[i] + b[i];
+      break;
+    case Op::Sub:
+      for (long i = 0; i < n; ++i) r[i] = a[i] - b[i];
+      break;
+    case Op::Mul:
+      for (long i = 0; i < n; ++i) r[i] = a[i] * b[i];
+      break;
+    case Op::Div:
+      for (long i = 0; i < n; ++i) r[i] = a[i] / b[i];
+      break;
+    case Op::Min:
+      for (long i = 0; i < n; ++i) r[i] = nanMin(a[i], b[i]);
+      break;
+    case Op::Max:
+      for (long i = 0; i < n; ++i) r[i] = nanMax(a[i], b[i]);
+      break;
+    case Op::Abs:
+      for (long i = 0; i < n; ++i) r[i] = std::fabs(a[i]);
+      break;
+    case Op::Sqrt:
+      for (long i = 0; i < n; ++i) r[i] = std::sqrt(a[i]);
+      break;
+    case Op::Log:
+      for (long i = 0; i < n; ++i) r[i] = std::log(a[i]);
+      break;
+    case Op::Exp:
+      for (long i = 0; i < n; ++i) r[i] = std::exp(a[i]);
+      break;
+    case Op::Neg:
+      for (long i = 0; i < n; ++i) r[i] = -a[i];
+      break;
   }
 }
 

@@ -14,8 +14,7 @@ namespace {
 constexpr std::size_t kBins = 256;
 using Histogram = std::array<double, kBins>;
 
-Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range,
-                      unsigned threads) {
+Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range, unsigned threads) {
   const double perUnit = static_cast<double>(kBins) / (range.max - range.min);
   return detail::dispatchPixelType(image.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
@@ -44,7 +43,8 @@ Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range,
 double otsuThreshold(const Histogram& counts, const detail::ValueRange& range) {
   const double width = (range.max - range.min) / kBins;
   std::array<double, kBins> centre{};
-  for (std::size_t bin = 0; bin < kBins; ++bin) centre[bin] = range.min + (static_cast<double>(bin) + 0.5) * width;
+  for (std::size_t bin = 0; bin < kBins; ++bin)
+    centre[bin] = range.min + (static_cast<double>(bin) + 0.5) * width;
   std::array<double, kBins> weightAbove{};
   std::array<double, kBins> sumAbove{};
   double weight = 0.0;

@@ -45,8 +45,8 @@ void mapRow(const T* in, Out* out, long n, const Mapping& m) {
   const C outHigh = static_cast<C>(std::max(m.outMin, m.outMax));
   for (long i = 0; i < n; ++i) {
     const C clipped = std::clamp(static_cast<C>(in[i]), low, high);
-    const C value = width != 0 ? (clipped - low) / width * scale + shift
-                               : std::clamp(clipped, outLow, outHigh);
+    const C value =
+        width != 0 ? (clipped - low) / width * scale + shift : std::clamp(clipped, outLow, outHigh);
     out[i] = detail::convertPixel<Out>(value);
   }
 }
