@@ -1,5 +1,6 @@
 // The operator library, image files, Graphviz, pipeline text, and capturing the library's lines.
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -198,10 +199,15 @@ void documentOperators() {
   std::ostringstream lifecycleLines;  // the engine announces each operator's destruction
   const std::unique_ptr<std::streambuf, void (*)(std::streambuf*)> restore(
       std::cout.rdbuf(lifecycleLines.rdbuf()), [](std::streambuf* out) { std::cout.rdbuf(out); });
+  // One class may serve several catalog names (math and math2): its help has a part for each.
+  std::map<PyObject*, std::string> docs;
   for (const OperatorInfo& info : operatorCatalog()) {
     const boost::shared_ptr<ProcessObject> op = info.create();
     const py::type type = py::type::of(py::cast(op));
-    if (!type.is(base)) type.attr("__doc__") = operatorDoc(info, *op);
+    if (type.is(base)) continue;
+    std::string& doc = docs[type.ptr()];
+    doc += (doc.empty() ? "" : "\n") + operatorDoc(info, *op);
+    type.attr("__doc__") = doc;
   }
 }
 
