@@ -30,6 +30,13 @@ void bindOperatorClasses(py::module_& m) {
   bindOperator<MaskOperator>(m, "MaskOperator");
   bindOperator<ImageFileReader>(m, "ImageFileReader");
   bindOperator<ImageFileWriter>(m, "ImageFileWriter");
+  // Filters and morphology.
+  bindOperator<GradientMagnitude>(m, "GradientMagnitude");
+  bindOperator<LaplacianOfGaussian>(m, "LaplacianOfGaussian");
+  bindOperator<Erosion>(m, "Erosion");
+  bindOperator<Dilation>(m, "Dilation");
+  bindOperator<Opening>(m, "Opening");
+  bindOperator<Closing>(m, "Closing");
   py::class_<ImageStatistics>(m, "ImageStatistics")
       .def_readonly("count", &ImageStatistics::count)
       .def_readonly("min", &ImageStatistics::min)

@@ -4,10 +4,12 @@
 
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
+#include "vorn/operators/GaussianDerivatives.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
 #include "vorn/operators/MaskOperator.hpp"
+#include "vorn/operators/Morphology.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
 namespace vorn {
@@ -16,6 +18,11 @@ namespace {
 template <class T>
 boost::shared_ptr<ProcessObject> make() {
   return boost::make_shared<T>();
+}
+
+std::vector<OperatorParameterInfo> footprint() {
+  return {{"radius", "1", "in pixels: one value for every axis, or one per axis (3,3,1)"},
+          {"shape", "ball", "ball (pixels within the radius) or box (2 radius + 1 per axis)"}};
 }
 
 std::vector<OperatorInfo> buildCatalog() {
@@ -65,6 +72,24 @@ std::vector<OperatorInfo> buildCatalog() {
        1,
        1,
        &make<StatisticsOperator>},
+      // Filters and morphology.
+      {"gradient",
+       "Gaussian gradient magnitude into a float image.",
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},
+       1,
+       1,
+       &make<GradientMagnitude>},
+      {"laplace",
+       "Laplacian of Gaussian into a float image.",
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},
+       1,
+       1,
+       &make<LaplacianOfGaussian>},
+      {"erode", "Grey erosion: the minimum over a ball or box.", footprint(), 1, 1, &make<Erosion>},
+      {"dilate", "Grey dilation: the maximum over a ball or box.", footprint(), 1, 1,
+       &make<Dilation>},
+      {"open", "Grey opening: the dilation of the erosion.", footprint(), 1, 1, &make<Opening>},
+      {"close", "Grey closing: the erosion of the dilation.", footprint(), 1, 1, &make<Closing>},
   };
 }
 
