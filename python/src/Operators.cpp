@@ -37,6 +37,10 @@ void bindOperatorClasses(py::module_& m) {
   bindOperator<Dilation>(m, "Dilation");
   bindOperator<Opening>(m, "Opening");
   bindOperator<Closing>(m, "Closing");
+  bindOperator<ConnectedComponents>(m, "ConnectedComponents");
+  bindOperator<LargestComponents>(m, "LargestComponents");
+  bindOperator<FillHoles>(m, "FillHoles");
+  bindOperator<DistanceMap>(m, "DistanceMap");
   py::class_<ImageStatistics>(m, "ImageStatistics")
       .def_readonly("count", &ImageStatistics::count)
       .def_readonly("min", &ImageStatistics::min)

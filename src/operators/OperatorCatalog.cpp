@@ -4,6 +4,8 @@
 
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
+#include "vorn/operators/Components.hpp"
+#include "vorn/operators/DistanceMap.hpp"
 #include "vorn/operators/GaussianDerivatives.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
 #include "vorn/operators/ImageFileReader.hpp"
@@ -90,6 +92,27 @@ std::vector<OperatorInfo> buildCatalog() {
        &make<Dilation>},
       {"open", "Grey opening: the dilation of the erosion.", footprint(), 1, 1, &make<Opening>},
       {"close", "Grey closing: the erosion of the dilation.", footprint(), 1, 1, &make<Closing>},
+      {"label",
+       "Numbers the connected components of the non-zero pixels, into a float image.",
+       {{"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"}},
+       1,
+       1,
+       &make<ConnectedComponents>},
+      {"largest",
+       "Keeps the largest connected components, as a uchar mask of 0 and 1.",
+       {{"count", "1", "how many components to keep"},
+        {"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"}},
+       1,
+       1,
+       &make<LargestComponents>},
+      {"fill", "Fills the holes of a mask, as a uchar mask of 0 and 1.", {}, 1, 1,
+       &make<FillHoles>},
+      {"distance",
+       "Euclidean distance of each non-zero pixel to the nearest zero, in spacing units (float).",
+       {},
+       1,
+       1,
+       &make<DistanceMap>},
   };
 }
 

@@ -2,6 +2,8 @@
 // catch what a table of numbers misses.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -86,6 +88,122 @@ TEST(Morphology, OpeningAndClosingAreIdempotent) {
   EXPECT_EQ(eroded, std::vector<double>(all.size(), *std::min_element(all.begin(), all.end())));
 }
 
+// An 8 x 6 mask; scipy holds it as shape (6, 8).
+const std::vector<unsigned char> kMask = {
+    1, 1, 0, 0, 0, 1, 0, 1, 0, 1, 0, 1, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 0,
+    1, 0, 1, 0, 1, 0, 1, 1, 1, 0, 0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 1, 1, 0, 1};
+
+// A 7 x 6 mask with a hole of 3 pixels, another of 1, and a bay open to the border.
+const std::vector<unsigned char> kHoles = {
+    0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 1, 1, 0, 1,
+    0, 1, 1, 1, 0, 1, 0, 1, 0, 0, 1, 1, 1, 0};
+
+std::vector<double> labelsOf(const std::vector<unsigned char>& mask, std::vector<double> keep) {
+  std::vector<double> face = {1, 1, 0, 0, 0, 2, 0, 3, 0, 1, 0, 4, 0, 0, 5, 0,
+                              0, 0, 0, 4, 4, 0, 0, 0, 6, 0, 7, 0, 4, 0, 8, 8,
+                              6, 0, 0, 0, 0, 0, 0, 8, 0, 9, 9, 0, 10, 10, 0, 8};
+  for (std::size_t k = 0; k < face.size(); ++k) {
+    face[k] = mask[k] && std::count(keep.begin(), keep.end(), face[k]) ? 1 : 0;
+  }
+  return face;
+}
+
+// Computed once with scipy.ndimage.label (full: generate_binary_structure(2, 2)),
+// binary_fill_holes and distance_transform_edt(sampling=spacing, axes reversed).
+TEST(Components, MatchReferenceNumbers) {
+  const struct {
+    std::string op;
+    Parameters parameters;
+    std::vector<unsigned char> mask;
+    std::vector<double> expected;
+  } cases[] = {
+      {"label", {{"connectivity", "face"}}, kMask,
+       {1, 1, 0, 0, 0, 2, 0, 3, 0, 1, 0, 4, 0, 0, 5, 0, 0, 0, 0, 4, 4, 0, 0, 0,
+        6, 0, 7, 0, 4, 0, 8, 8, 6, 0, 0, 0, 0, 0, 0, 8, 0, 9, 9, 0, 10, 10, 0, 8}},
+      {"label", {{"connectivity", "full"}}, kMask,
+       {1, 1, 0, 0, 0, 2, 0, 2, 0, 1, 0, 3, 0, 0, 2, 0, 0, 0, 0, 3, 3, 0, 0, 0,
+        4, 0, 3, 0, 3, 0, 5, 5, 4, 0, 0, 0, 0, 0, 0, 5, 0, 4, 4, 0, 6, 6, 0, 5}},
+      // Components 4 and 8 have 4 pixels each, 1 has 3.
+      {"largest", {{"count", "1"}}, kMask, labelsOf(kMask, {4})},
+      {"largest", {{"count", "3"}}, kMask, labelsOf(kMask, {1, 4, 8})},
+      {"largest", {{"count", "11"}}, kMask, labelsOf(kMask, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10})},
+      {"fill", {{"threads", "1"}}, kHoles,
+       {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1, 1, 0,
+        0, 1, 1, 1, 1, 1, 1, 0, 1, 1, 1, 1, 1, 0, 1, 0, 0, 1, 1, 1, 0}},
+      {"distance", {{"threads", "1"}}, kHoles,
+       {0,   0, 0, 0,   0,   0, 0,   0, 0.5, 1,   1.5, 1,   0.5, 0,
+        0,   0.5, 0, 0, 0.5, 0.5, 0,   0, 0.5, 0, 0.5, 0.5, 0,   0.5,
+        0,   0.5, 1, 0.5, 0, 0.5, 0,   0.5, 0, 0, 0.5, 1,   0.5, 0}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.op + " " + c.parameters.front().second);
+    const ImagePtr image = makeImage({c.mask.size() == 48 ? 8ul : 7ul, 6}, c.mask);
+    const ImagePtr out = runNamed(c.op, image, c.parameters);
+    const bool mask = c.op == "largest" || c.op == "fill";
+    EXPECT_EQ(out->getPointType(), mask ? vorn::PixelType::UCHAR : vorn::PixelType::FLOAT);
+    expectSameGeometry(*out, *image);
+    EXPECT_EQ(valuesOf(*out), c.expected);
+  }
+  // Spacing 0.5, 1.5 and 2.5 along the axes.
+  std::vector<short> volume;
+  for (short k = 0; k < 60; ++k) volume.push_back(k * 7 % 5 != 0 ? -3 : 0);
+  const std::vector<double> slice = {0, 0.5, 1, 1.5, 0.5, 0, 0.5, 1, 1, 0.5, 0, 0.5, 1.5, 1, 0.5,
+                                     0, 2.121320, 1.802776, 1.581139, 1.5};
+  const std::vector<double> distances =
+      valuesOf(*runNamed("distance", makeImage({4, 5, 3}, volume), {}));
+  for (std::size_t k = 0; k < distances.size(); ++k) EXPECT_NEAR(distances[k], slice[k % 20], 1e-6);
+}
+
+// Cubes of 2 x 2 x 2 along the diagonal of a volume touch at their corners only, and the
+// parallel slabs must join every component they cut.
+TEST(Components, CountThePartsOfAKnownPhantom) {
+  const unsigned long n = 64;  // slabs of 16 layers
+  std::vector<unsigned char> cubes(n * n * n, 0);
+  for (unsigned long i = 0; i < n; ++i) {
+    for (unsigned long j = i / 2 * 2; j < i / 2 * 2 + 2; ++j) {
+      for (unsigned long k = i / 2 * 2; k < i / 2 * 2 + 2; ++k) cubes[i + n * (j + n * k)] = 1;
+    }
+  }
+  const ImagePtr image = makeImage({n, n, n}, cubes);
+  const auto most = [](const ImagePtr& out) {
+    const std::vector<double> v = valuesOf(*out);
+    return *std::max_element(v.begin(), v.end());
+  };
+  EXPECT_EQ(most(runNamed("label", image, {})), 32.0);
+  EXPECT_EQ(most(runNamed("label", image, {{"connectivity", "full"}, {"threads", "3"}})), 1.0);
+  // A hollow box filled is solid; its shell's distance map is 0 on the zeros, >= 0.5 inside.
+  std::vector<unsigned char> shell(n * n * n, 0);
+  for (unsigned long p = 0; p < shell.size(); ++p) {
+    const unsigned long x = p % n, y = p / n % n, z = p / (n * n);
+    const auto edge = [](unsigned long i) { return i == 5 || i == 54; };
+    const auto within = [](unsigned long i) { return i >= 5 && i <= 54; };
+    shell[p] = within(x) && within(y) && within(z) && (edge(x) || edge(y) || edge(z));
+  }
+  const std::vector<double> filled = valuesOf(*runNamed("fill", makeImage({n, n, n}, shell), {}));
+  EXPECT_EQ(std::count(filled.begin(), filled.end(), 1.0), 50 * 50 * 50);
+  const std::vector<double> distance =
+      valuesOf(*runNamed("distance", makeImage({n, n, n}, shell), {}));
+  for (std::size_t p = 0; p < shell.size(); ++p) {
+    if (shell[p]) {
+      EXPECT_GE(distance[p], 0.5);
+    } else {
+      ASSERT_EQ(distance[p], 0.0);
+    }
+  }
+}
+
+TEST(Components, ThreadsKeepTheBitsAndNoZeroIsInfinitelyFar) {
+  const ImagePtr image = makeImage({64, 40, 50}, randomValues<float>(64 * 40 * 50, 8, 0, 2));
+  for (const std::string op : {"label", "largest", "fill", "distance"}) {
+    SCOPED_TRACE(op);
+    EXPECT_EQ(pixelBytes(*runNamed(op, image, {{"threads", "1"}})),
+              pixelBytes(*runNamed(op, image, {{"threads", "4"}})));
+  }
+  for (double d : valuesOf(*runNamed("distance", makeImage<float>({4, 3}, {2}), {}))) {
+    EXPECT_EQ(d, std::numeric_limits<double>::infinity());
+  }
+}
+
 TEST(Morphology, RefusesBadParameters) {
   const ImagePtr image = makeImage({5, 4}, kGrey);
   for (const std::string op : {"erode", "open"}) {
@@ -96,6 +214,13 @@ TEST(Morphology, RefusesBadParameters) {
       expectRefusal(op, image, p);
     }
   }
+  for (const std::string op : {"label", "largest"}) {
+    expectRefusal(op, image, {{"connectivity", "corner"}});
+  }
+  for (const std::string count : {"0", "1.5", "-2", "x"}) {
+    expectRefusal("largest", image, {{"count", count}});
+  }
+  expectRefusal("distance", image, {{"threads", "2000"}});
 }
 
 }  // namespace

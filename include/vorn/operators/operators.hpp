@@ -5,6 +5,8 @@
 
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
+#include "vorn/operators/Components.hpp"
+#include "vorn/operators/DistanceMap.hpp"
 #include "vorn/operators/FileSwapImageIO.hpp"
 #include "vorn/operators/GaussianDerivatives.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
