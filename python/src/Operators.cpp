@@ -31,6 +31,7 @@ void bindOperatorClasses(py::module_& m) {
   bindOperator<ImageFileReader>(m, "ImageFileReader");
   bindOperator<ImageFileWriter>(m, "ImageFileWriter");
   // Filters and morphology.
+  bindOperator<MedianFilter>(m, "MedianFilter");
   bindOperator<GradientMagnitude>(m, "GradientMagnitude");
   bindOperator<LaplacianOfGaussian>(m, "LaplacianOfGaussian");
   bindOperator<Erosion>(m, "Erosion");

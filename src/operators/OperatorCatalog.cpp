@@ -11,6 +11,7 @@
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
 #include "vorn/operators/MaskOperator.hpp"
+#include "vorn/operators/MedianFilter.hpp"
 #include "vorn/operators/Morphology.hpp"
 #include "vorn/operators/StatisticsOperator.hpp"
 
@@ -75,6 +76,12 @@ std::vector<OperatorInfo> buildCatalog() {
        1,
        &make<StatisticsOperator>},
       // Filters and morphology.
+      {"median",
+       "Median over a box, into an image of the input's type.",
+       {{"size", "3", "odd, in pixels: one value for every axis, or one per axis (5,5,3)"}},
+       1,
+       1,
+       &make<MedianFilter>},
       {"gradient",
        "Gaussian gradient magnitude into a float image.",
        {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},

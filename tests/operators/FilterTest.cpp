@@ -89,6 +89,61 @@ TEST(GaussianDerivatives, RampHasItsSlope) {
   for (unsigned x = 5; x < 15; ++x) EXPECT_NEAR(slope[x], 3.0, 1e-3);
 }
 
+// A 7 x 6 image; scipy holds it as shape (6, 7).
+const std::vector<unsigned char> kGrey = {
+    0,  37, 74, 10, 47, 84, 20,  57, 94, 30, 67, 3,  40, 77, 13, 50, 87, 23, 60, 97, 33,
+    70, 6,  43, 80, 16, 53, 90, 26, 63, 100, 36, 73, 9, 46, 83, 19, 56, 93, 29, 66, 2};
+
+// Computed once with scipy.ndimage.median_filter(x, size, mode='nearest').
+TEST(MedianFilter, MatchesReferenceNumbers) {
+  std::vector<short> signedGrey;
+  for (unsigned char v : kGrey) signedGrey.push_back(static_cast<short>((v - 50) * 7));
+  std::vector<float> volumeValues = volume();
+  for (float& v : volumeValues) v -= 11.5f;
+  const struct {
+    std::string size;
+    ImagePtr image;
+    std::vector<double> expected;
+  } cases[] = {
+      {"3", makeImage({7, 6}, kGrey),
+       {37, 37, 37, 47, 47, 47, 40, 37, 50, 50, 47, 47, 47, 40, 57, 50, 50, 43, 53, 53, 77,
+        26, 50, 50, 60, 53, 53, 46, 63, 56, 56, 56, 53, 46, 46, 63, 56, 56, 56, 66, 29, 9}},
+      {"5,3", makeImage({7, 6}, kGrey),
+       {37, 37, 37, 47, 47, 40, 40, 37, 37, 47, 50, 47, 40, 40, 57, 57, 50, 50, 53, 60, 60,
+        43, 43, 50, 53, 53, 46, 46, 63, 63, 56, 53, 53, 46, 46, 63, 63, 56, 56, 56, 36, 29}},
+      {"1,5", makeImage({7, 6}, signedGrey),
+       {-350, -91, 168,  -280, -21, 238,  -210, -259, -91, 168, -189, -21, 238,  -119,
+        -168, 0,   168,  -98,  -21, 21,   -28,  49,   0,   42,  119,  -147, 21,  -28,
+        140,  -217, 42,  210,  -147, 112, -119, 231,  -217, 42,  301,  -147, 112, -336}},
+      {"3", makeImage({4, 3, 5}, volumeValues),
+       {-4.5, -1.5, 1.5,  0.5,  -1.5, -1.5, -0.5, 0.5,  -0.5, -0.5, -0.5, -2.5,
+        -3.5, 0.5,  0.5,  0.5,  -1.5, -0.5, -0.5, -1.5, -0.5, -0.5, -2.5, -2.5,
+        2.5,  0.5,  0.5,  0.5,  -0.5, 0.5,  0.5,  -1.5, -0.5, -2.5, -2.5, -2.5,
+        2.5,  0.5,  -0.5, -1.5, -0.5, -0.5, -0.5, -0.5, -0.5, -2.5, -0.5, 1.5,
+        0.5,  0.5,  -0.5, -1.5, 0.5,  -1.5, -0.5, -0.5, -2.5, -2.5, 1.5,  2.5}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("size " + c.size);
+    const ImagePtr out = runNamed("median", c.image, {{"size", c.size}});
+    EXPECT_EQ(out->getPointType(), c.image->getPointType());
+    expectSameGeometry(*out, *c.image);
+    EXPECT_EQ(valuesOf(*out), c.expected);
+  }
+}
+
+// Windows far wider than the image, and float rows in more slabs than one.
+TEST(MedianFilter, RegionOfInterestAndThreadsKeepTheBits) {
+  expectRegionAndThreadsKeepTheBits(
+      "median", makeImage({13, 11, 9}, randomValues<float>(13 * 11 * 9, 2, -9, 9)),
+      {{"size", "5,3,31"}});
+  expectRegionAndThreadsKeepTheBits(
+      "median", makeImage({13, 11, 9}, randomValues<short>(13 * 11 * 9, 2, -30000, 30000)),
+      {{"size", "3"}});
+  const ImagePtr big = makeImage({64, 64, 40}, randomValues<float>(64 * 64 * 40, 3, -50, 50));
+  EXPECT_EQ(pixelBytes(*runNamed("median", big, {{"threads", "1"}})),
+            pixelBytes(*runNamed("median", big, {{"threads", "4"}})));
+}
+
 TEST(NeighbourhoodFilters, RefuseBadParameters) {
   const ImagePtr image = makeImage<float>({5, 4}, kGrid);
   for (const std::string op : {"gradient", "laplace"}) {
@@ -96,6 +151,9 @@ TEST(NeighbourhoodFilters, RefuseBadParameters) {
       expectRefusal(op, image, {{"sigma", sigma}});
     }
     expectRefusal(op, image, {{"threads", "many"}});
+  }
+  for (const std::string size : {"2", "0", "1.5", "3,3,3", "-3", "x", "65537"}) {
+    expectRefusal("median", image, {{"size", size}});
   }
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +33,7 @@ inline ImagePtr runNamed(const std::string& name, const ImagePtr& image,
                          const boost::shared_ptr<vorn::RoiObject const>& roi = nullptr) {
   ImageSource source(image);
   const boost::shared_ptr<vorn::ProcessObject> op = vorn::createOperator(name);
+  if (!op) throw std::logic_error("no operator " + name + " in the catalog");
   op->getInputPort(0)->connectTo(source.getOutputPort(0));
   for (const auto& [key, value] : parameters) op->setParameterValue(key, value);
   if (roi) op->setRequestedRegionOfInterest(0, roi);

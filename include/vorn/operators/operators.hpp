@@ -15,6 +15,7 @@
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
 #include "vorn/operators/MaskOperator.hpp"
+#include "vorn/operators/MedianFilter.hpp"
 #include "vorn/operators/Morphology.hpp"
 #include "vorn/operators/OperatorCatalog.hpp"
 #include "vorn/operators/PipelineText.hpp"

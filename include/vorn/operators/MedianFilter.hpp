@@ -1,0 +1,40 @@
+// vorn/operators/MedianFilter.hpp
+//
+// MedianFilter: the median of the box of `size` pixels centred on each pixel of an
+// N-dimensional image (UCHAR, SHORT or FLOAT), into an image of the input's pixel type, box and
+// geometry. Beyond the image the edge pixel repeats, and counts as often as it repeats, as
+// scipy.ndimage.median_filter with mode='nearest'.
+//
+//   vorn::MedianFilter median;
+//   median.setParameterValue("size", "5,5,3");   // axis 0 first; one value for every axis
+//
+// The window slides along axis 0 over a histogram of ranks (the values themselves for UCHAR and
+// SHORT, the sorted distinct values for FLOAT), counted at several levels so that the median
+// is found in a few short scans: a step costs the pixels that enter and leave the window (its
+// cross-section), not a sort of the window. FLOAT pixels are ranked by their bits' order: NaN
+// sorts above +infinity (or below -infinity when negative) and -0 just below +0.
+//
+// Parameters:
+//   size     "3"  odd, in pixels: one value for every axis or one per axis; a window of more
+//                 than 2^31 pixels is refused
+//   threads  ""   worker threads (empty: vorn::setThreadCount); any count gives the same bits
+//
+// Regions of interest: when the output's region of interest is set, only its bounding box
+// (clipped to the image) is computed, exactly as the whole image gives it there, and the rest
+// of the output is 0. A bad size fails the update and leaves the output as it was. FLOAT images
+// need 4 bytes per distinct value per thread, and a rank per pixel.
+#pragma once
+
+#include "vorn/ProcessObject.hpp"
+#include "vorn/operators/Export.hpp"
+
+namespace vorn {
+
+// Median filter over a box, into an image of the input's type.
+class VORN_OPERATORS_API MedianFilter : public ProcessObject {
+ public:
+  MedianFilter();
+  void generateData() override;
+};
+
+}  // namespace vorn
