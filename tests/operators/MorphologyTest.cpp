@@ -67,8 +67,9 @@ TEST(Morphology, MatchesReferenceNumbers) {
 TEST(Morphology, RegionOfInterestAndThreadsKeepTheBits) {
   const ImagePtr image = makeImage({13, 11, 9}, randomValues<float>(13 * 11 * 9, 5, -50, 50));
   for (const std::string op : {"erode", "dilate", "open", "close"}) {
-    expectRegionAndThreadsKeepTheBits(op, image, {{"radius", "2,1,3"}});
-    expectRegionAndThreadsKeepTheBits(op, image, {{"radius", "1,2,0"}, {"shape", "box"}});
+    expectRegionAndThreadsKeepTheBits(op, image, {{"radius", "4,1,3"}});
+    expectRegionAndThreadsKeepTheBits(op, image, {{"radius", "2"}});
+    expectRegionAndThreadsKeepTheBits(op, image, {{"radius", "4,2,0"}, {"shape", "box"}});
   }
 }
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "ImageRegion.hpp"
@@ -104,48 +105,6 @@ std::vector<long> windowRows(const Layout& image, const std::vector<long>& half,
   return rows;
 }
 
-// Slides the window along each row of `part`: the column entering is counted, the one leaving
-// uncounted, and the median read from the counts; they are empty again at the end of the row.
-template <class KeyOf, class ValueOf, class T>
-void medianRows(KeyOf keyOf, ValueOf valueOf, T* out, const Layout& image,
-                const std::vector<long>& half, Key rank, const Region& part, RankCounts& counts) {
-  const long first = part.start[0];
-  const long end = first + part.size[0];
-  const long last = image.size[0] - 1;
-  detail::forEachRow(image, part, 0, [&](long offset, const std::vector<long>& index) {
-    const std::vector<long> rows = windowRows(image, half, index);
-    auto column = [&](long x, bool add) {
-      const long at = std::clamp(x, 0L, last);
-      for (long row : rows) {
-        const Key key = keyOf(row + at);
-        if (add) {
-          counts.add(key);
-        } else {
-          counts.remove(key);
-        }
-      }
-    };
-    for (long x = first - half[0]; x <= first + half[0]; ++x) column(x, true);
-    for (long x = first; x < end; ++x) {
-      out[offset + x] = valueOf(counts.select(rank));
-      column(x - half[0], false);
-      column(x + half[0] + 1, true);
-    }
-    for (long x = end - half[0]; x <= end + half[0]; ++x) column(x, false);
-  });
-}
-
-template <class KeyOf, class ValueOf, class T>
-void medianOver(KeyOf keyOf, ValueOf valueOf, std::size_t bins, T* out, const Layout& image,
-                const std::vector<long>& half, Key rank, const Region& target, unsigned threads) {
-  CountsPool pool(bins);
-  detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
-    std::unique_ptr<RankCounts> counts = pool.take();
-    medianRows(keyOf, valueOf, out, image, half, rank, part, *counts);
-    pool.giveBack(std::move(counts));
-  });
-}
-
 // Float bits as an unsigned key in the order of the values (NaN beyond the infinities).
 Key orderedBits(float value) {
   Key bits = 0;
@@ -154,65 +113,118 @@ Key orderedBits(float value) {
 }
 
 // Sorts by the upper 32 bits, stably, in four passes of a byte each.
-void radixSortUpper(std::vector<std::uint64_t>& items) {
-  std::vector<std::uint64_t> spare(items.size());
+void radixSortUpper(std::vector<std::uint64_t>& items, std::vector<std::uint64_t>& spare) {
+  spare.resize(items.size());
   for (unsigned shift = 32; shift < 64; shift += 8) {
-    std::vector<std::size_t> start(257, 0);
+    std::size_t start[257] = {};
     for (std::uint64_t item : items) ++start[((item >> shift) & 255) + 1];
-    for (std::size_t b = 1; b < start.size(); ++b) start[b] += start[b - 1];
+    for (std::size_t b = 1; b < 257; ++b) start[b] += start[b - 1];
     for (std::uint64_t item : items) spare[start[(item >> shift) & 255]++] = item;
     items.swap(spare);
   }
 }
 
-// FLOAT pixels become the ranks of their distinct values over `read`, `values` the table back.
-void rankPixels(const float* in, const Layout& image, const Region& read, std::vector<Key>& keys,
-                std::vector<float>& values) {
-  std::vector<std::uint64_t> items;
-  items.reserve(static_cast<std::size_t>(read.size[0]) *
-                static_cast<std::size_t>(image.pixels() / image.size[0]));
-  detail::forEachRow(image, read, 0, [&](long offset, const std::vector<long>&) {
-    for (long x = read.start[0]; x < read.start[0] + read.size[0]; ++x) {
-      const auto p = static_cast<std::uint64_t>(offset + x);
-      items.push_back(std::uint64_t(orderedBits(in[p])) << 32 | p);
+// The keys of the pixels one row's windows cover (a tube of `rows` x `columns`, entry
+// r * columns + c), and the value of each key. UCHAR and SHORT pixels are their own keys.
+template <class T>
+struct TubeKeys {
+  static std::size_t bins(std::size_t) { return std::is_same_v<T, short> ? 65536 : 256; }
+  void build(const T* in, const std::vector<long>& rows, long first, long columns, long last) {
+    keys.resize(rows.size() * static_cast<std::size_t>(columns));
+    Key* key = keys.data();
+    for (long row : rows) {
+      for (long c = 0; c < columns; ++c) {
+        const T v = in[row + std::clamp(first + c, 0L, last)];
+        *key++ = static_cast<Key>(std::is_same_v<T, short> ? v + 32768 : v);
+      }
     }
-  });
-  radixSortUpper(items);
-  keys.assign(static_cast<std::size_t>(image.pixels()), 0);
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    const std::size_t p = items[i] & 0xffffffffu;
-    if (i == 0 || (items[i] >> 32) != (items[i - 1] >> 32)) values.push_back(in[p]);
-    keys[p] = static_cast<Key>(values.size() - 1);
   }
+  T value(Key key) const {
+    return static_cast<T>(std::is_same_v<T, short> ? static_cast<long>(key) - 32768 : key);
+  }
+  std::vector<Key> keys;
+};
+
+// FLOAT pixels become the ranks of their distinct values within the tube: few enough for the
+// counts to stay in cache, whatever the values.
+template <>
+struct TubeKeys<float> {
+  static std::size_t bins(std::size_t tube) { return tube; }
+  void build(const float* in, const std::vector<long>& rows, long first, long columns, long last) {
+    items.clear();
+    pixels.clear();
+    for (long row : rows) {
+      for (long c = 0; c < columns; ++c) {
+        const float v = in[row + std::clamp(first + c, 0L, last)];
+        items.push_back(std::uint64_t(orderedBits(v)) << 32 | items.size());
+        pixels.push_back(v);
+      }
+    }
+    radixSortUpper(items, spare);
+    keys.resize(items.size());
+    values.clear();
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      const std::size_t at = items[i] & 0xffffffffu;
+      if (i == 0 || (items[i] >> 32) != (items[i - 1] >> 32)) values.push_back(pixels[at]);
+      keys[at] = static_cast<Key>(values.size() - 1);
+    }
+  }
+  float value(Key key) const { return values[key]; }
+  std::vector<Key> keys;
+  std::vector<float> values, pixels;
+  std::vector<std::uint64_t> items, spare;
+};
+
+// Slides the window along each row of `part`: the column entering is counted, the one leaving
+// uncounted, and the median read from the counts; they are empty again at the end of the row.
+template <class T>
+void medianRows(const T* in, T* out, const Layout& image, const std::vector<long>& half,
+                Key rank, const Region& part, RankCounts& counts) {
+  const long first = part.start[0];
+  const long end = first + part.size[0];
+  const long columns = end - first + 2 * half[0];
+  TubeKeys<T> tube;
+  detail::forEachRow(image, part, 0, [&](long offset, const std::vector<long>& index) {
+    const std::vector<long> rows = windowRows(image, half, index);
+    tube.build(in, rows, first - half[0], columns, image.size[0] - 1);
+    const Key* keys = tube.keys.data();
+    auto column = [&](long c, bool add) {
+      for (std::size_t r = 0; r < rows.size(); ++r) {
+        const Key key = keys[r * static_cast<std::size_t>(columns) + static_cast<std::size_t>(c)];
+        if (add) {
+          counts.add(key);
+        } else {
+          counts.remove(key);
+        }
+      }
+    };
+    // Column c of the tube is pixel first - half + c of the row.
+    for (long c = 0; c < 2 * half[0] + 1; ++c) column(c, true);
+    for (long x = first; x < end; ++x) {
+      const long c = x - first;
+      out[offset + x] = tube.value(counts.select(rank));
+      column(c, false);
+      if (c + 2 * half[0] + 1 < columns) column(c + 2 * half[0] + 1, true);
+    }
+    for (long c = columns - 2 * half[0]; c < columns; ++c) column(c, false);
+  });
 }
 
-void median(const ImageObject& input, ImageObject& output, const Layout& image,
-            const std::vector<long>& half, const Region& target, unsigned threads) {
+template <class T>
+void median(const T* in, T* out, const Layout& image, const std::vector<long>& half,
+            const Region& target, unsigned threads) {
   Key window = 1;
-  for (long h : half) window *= static_cast<Key>(2 * h + 1);
-  const Key rank = window / 2;
-  const PixelType::Type type = input.getPointType();
-  if (type == PixelType::UCHAR) {
-    const auto* in = static_cast<const unsigned char*>(input.getBuffer());
-    medianOver([in](long p) { return Key(in[p]); },
-               [](Key key) { return static_cast<unsigned char>(key); }, 256,
-               static_cast<unsigned char*>(output.getBuffer()), image, half, rank, target, threads);
-  } else if (type == PixelType::SHORT) {
-    const auto* in = static_cast<const short*>(input.getBuffer());
-    medianOver([in](long p) { return static_cast<Key>(in[p] + 32768); },
-               [](Key key) { return static_cast<short>(static_cast<long>(key) - 32768); }, 65536,
-               static_cast<short*>(output.getBuffer()), image, half, rank, target, threads);
-  } else {
-    const auto* in = static_cast<const float*>(input.getBuffer());
-    std::vector<Key> keys;
-    std::vector<float> values;
-    Region read = target;
-    for (unsigned a = 0; a < half.size(); ++a) read = detail::widened(read, a, half[a], image);
-    rankPixels(in, image, read, keys, values);
-    medianOver([&keys](long p) { return keys[static_cast<std::size_t>(p)]; },
-               [&values](Key key) { return values[key]; }, values.size(),
-               static_cast<float*>(output.getBuffer()), image, half, rank, target, threads);
+  std::size_t tube = static_cast<std::size_t>(image.size[0] + 2 * half[0]);
+  for (std::size_t a = 0; a < half.size(); ++a) {
+    window *= static_cast<Key>(2 * half[a] + 1);
+    if (a > 0) tube *= static_cast<std::size_t>(2 * half[a] + 1);
   }
+  CountsPool pool(TubeKeys<T>::bins(tube));
+  detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
+    std::unique_ptr<RankCounts> counts = pool.take();
+    medianRows(in, out, image, half, window / 2, part, *counts);
+    pool.giveBack(std::move(counts));
+  });
 }
 
 std::vector<long> halfSizes(ProcessObject& op, std::size_t axes) {
@@ -263,11 +275,11 @@ void MedianFilter::generateData() {
   detail::dispatchPixelType(type, [](auto) {});  // refuses a type without elements first
   output->Allocate(type, input->getBufferedRegion());
   detail::copyGeometry(*input, *output);
-  if (!target.empty()) median(*input, *output, layout, half, target, threads);
-  if (target.size == layout.size) return;
   detail::dispatchPixelType(type, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    detail::zeroOutside(static_cast<T*>(output->getBuffer()), layout, target);
+    T* out = static_cast<T*>(output->getBuffer());
+    if (!target.empty()) median(static_cast<const T*>(input->getBuffer()), out, layout, half, target, threads);
+    if (target.size != layout.size) detail::zeroOutside(out, layout, target);
   });
 }
 

@@ -76,12 +76,20 @@ void windowExtreme(const T* line, long length, long first, long width, long half
     const long at = first - half + j;
     pad[j] = at >= 0 && at < length ? line[at] : Op::neutral();
   }
-  for (long j = 0; j < count; ++j) {
-    prefix[j] = j % span == 0 ? pad[j] : Op::pick(prefix[j - 1], pad[j]);
+  if (half <= 2) {  // a few comparisons beat three passes
+    for (long i = 0; i < width; ++i) {
+      T best = pad[i];
+      for (long j = 1; j < span; ++j) best = Op::pick(best, pad[i + j]);
+      result[i] = best;
+    }
+    return;
   }
-  for (long j = count; j-- > 0;) {
-    const bool blockEnd = j % span == span - 1 || j == count - 1;
-    suffix[j] = blockEnd ? pad[j] : Op::pick(suffix[j + 1], pad[j]);
+  for (long block = 0; block < count; block += span) {
+    const long last = std::min(count, block + span) - 1;
+    prefix[block] = pad[block];
+    for (long j = block + 1; j <= last; ++j) prefix[j] = Op::pick(prefix[j - 1], pad[j]);
+    suffix[last] = pad[last];
+    for (long j = last; j-- > block;) suffix[j] = Op::pick(suffix[j + 1], pad[j]);
   }
   for (long i = 0; i < width; ++i) result[i] = Op::pick(suffix[i], prefix[i + span - 1]);
 }
