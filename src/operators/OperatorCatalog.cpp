@@ -23,9 +23,12 @@ boost::shared_ptr<ProcessObject> make() {
   return boost::make_shared<T>();
 }
 
+const char* const kThreadsHelp = "worker threads (empty: every core, or setThreadCount)";
+
 std::vector<OperatorParameterInfo> footprint() {
   return {{"radius", "1", "in pixels: one value for every axis, or one per axis (3,3,1)"},
-          {"shape", "ball", "ball (pixels within the radius) or box (2 radius + 1 per axis)"}};
+          {"shape", "ball", "ball (pixels within the radius) or box (2 radius + 1 per axis)"},
+          {"threads", "", kThreadsHelp}};
 }
 
 std::vector<OperatorInfo> buildCatalog() {
@@ -50,7 +53,8 @@ std::vector<OperatorInfo> buildCatalog() {
        &make<CastOperator>},
       {"gaussian",
        "Gaussian smoothing into a float image.",
-       {{"sigma", "1", "in pixels: one value for every axis, or one per axis (2,1,0.5)"}},
+       {{"sigma", "1", "in pixels: one value for every axis, or one per axis (2,1,0.5)"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<GaussianSmoothing>},
@@ -78,19 +82,22 @@ std::vector<OperatorInfo> buildCatalog() {
       // Filters and morphology.
       {"median",
        "Median over a box, into an image of the input's type.",
-       {{"size", "3", "odd, in pixels: one value for every axis, or one per axis (5,5,3)"}},
+       {{"size", "3", "odd, in pixels: one value for every axis, or one per axis (5,5,3)"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<MedianFilter>},
       {"gradient",
        "Gaussian gradient magnitude into a float image.",
-       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<GradientMagnitude>},
       {"laplace",
        "Laplacian of Gaussian into a float image.",
-       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<LaplacianOfGaussian>},
@@ -101,22 +108,28 @@ std::vector<OperatorInfo> buildCatalog() {
       {"close", "Grey closing: the erosion of the dilation.", footprint(), 1, 1, &make<Closing>},
       {"label",
        "Numbers the connected components of the non-zero pixels, into a float image.",
-       {{"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"}},
+       {{"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<ConnectedComponents>},
       {"largest",
        "Keeps the largest connected components, as a uchar mask of 0 and 1.",
        {{"count", "1", "how many components to keep"},
-        {"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"}},
+        {"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<LargestComponents>},
-      {"fill", "Fills the holes of a mask, as a uchar mask of 0 and 1.", {}, 1, 1,
+      {"fill",
+       "Fills the holes of a mask, as a uchar mask of 0 and 1.",
+       {{"threads", "", kThreadsHelp}},
+       1,
+       1,
        &make<FillHoles>},
       {"distance",
        "Euclidean distance of each non-zero pixel to the nearest zero, in spacing units (float).",
-       {},
+       {{"threads", "", kThreadsHelp}},
        1,
        1,
        &make<DistanceMap>},
