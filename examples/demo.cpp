@@ -151,9 +151,9 @@ void shapeOfTheHead(Chain& head, const std::string& folder) {
   distance.setInputPort(0, fill.getOutputPort(0));
   distance.update();
   int n = 5;
-  for (vorn::ProcessObject* stage : {static_cast<vorn::ProcessObject*>(&largest),
-                                     static_cast<vorn::ProcessObject*>(&fill),
-                                     static_cast<vorn::ProcessObject*>(&distance)}) {
+  for (vorn::ProcessObject* stage :
+       {static_cast<vorn::ProcessObject*>(&largest), static_cast<vorn::ProcessObject*>(&fill),
+        static_cast<vorn::ProcessObject*>(&distance)}) {
     saveVolume(*stage, folder + "/head-" + std::to_string(n++) + "-" + stage->getName());
   }
   const vorn::ImageObject& depth = *outputOf(distance);

@@ -12,9 +12,9 @@
 namespace {
 
 // A 7 x 6 image; scipy holds it as shape (6, 7), axes the other way round.
-const std::vector<unsigned char> kGrey = {
-    0,  37, 74, 10, 47, 84, 20,  57, 94, 30, 67, 3,  40, 77, 13, 50, 87, 23, 60, 97, 33,
-    70, 6,  43, 80, 16, 53, 90, 26, 63, 100, 36, 73, 9, 46, 83, 19, 56, 93, 29, 66, 2};
+const std::vector<unsigned char> kGrey = {0,  37, 74,  10, 47, 84, 20, 57, 94, 30, 67, 3,  40, 77,
+                                          13, 50, 87,  23, 60, 97, 33, 70, 6,  43, 80, 16, 53, 90,
+                                          26, 63, 100, 36, 73, 9,  46, 83, 19, 56, 93, 29, 66, 2};
 
 std::vector<short> signedGrey() {
   std::vector<short> values;
@@ -31,27 +31,32 @@ TEST(Morphology, MatchesReferenceNumbers) {
     bool signedPixels;
     std::vector<double> expected;
   } cases[] = {
-      {"erode", {{"radius", "1"}}, false,
-       {0,  0,  10, 10, 3, 20, 20, 0, 30, 30, 3,  3, 3, 20, 13, 6,  23, 23, 3, 33, 33,
-        6,  6,  6,  16, 16, 9, 33, 26, 6, 36, 36, 9, 9, 2,  19, 19, 19, 29, 29, 2,  2}},
-      {"dilate", {{"radius", "2,1"}}, false,
-       {74, 94, 74, 84, 84, 84, 84, 94, 94, 94, 94, 77, 97, 77, 87, 94, 87, 97, 97, 97, 97,
-        70, 80, 100, 80, 90, 97, 90, 100, 100, 100, 100, 100, 73, 90, 83, 93, 100, 93, 93, 93, 66}},
-      {"open", {{"radius", "2"}}, false,
-       {0,  6,  6,  3,  20, 20, 20, 6,  6,  6,  6,  3,  20, 20, 6,  6,  6,  9,  20, 20, 20,
-        19, 6,  19, 19, 9,  20, 20, 19, 19, 19, 19, 19, 9,  20, 19, 19, 19, 19, 19, 19, 2}},
-      {"close", {{"radius", "1,2"}, {"shape", "box"}}, false,
-       {94, 94, 87, 87, 87, 97, 97, 94, 94, 87, 87, 87, 97, 97, 83, 83, 87, 87, 87, 97, 97,
+      {"erode", {{"radius", "1"}}, false, {0,  0, 10, 10, 3, 20, 20, 0,  30, 30, 3,  3,  3, 20,
+                                           13, 6, 23, 23, 3, 33, 33, 6,  6,  6,  16, 16, 9, 33,
+                                           26, 6, 36, 36, 9, 9,  2,  19, 19, 19, 29, 29, 2, 2}},
+      {"dilate", {{"radius", "2,1"}}, false, {74, 94,  74, 84, 84,  84, 84,  94,  94,  94,  94,
+                                              77, 97,  77, 87, 94,  87, 97,  97,  97,  97,  70,
+                                              80, 100, 80, 90, 97,  90, 100, 100, 100, 100, 100,
+                                              73, 90,  83, 93, 100, 93, 93,  93,  66}},
+      {"open", {{"radius", "2"}}, false, {0,  6,  6,  3,  20, 20, 20, 6,  6,  6,  6,  3,  20, 20,
+                                          6,  6,  6,  9,  20, 20, 20, 19, 6,  19, 19, 9,  20, 20,
+                                          19, 19, 19, 19, 19, 9,  20, 19, 19, 19, 19, 19, 19, 2}},
+      {"close",
+       {{"radius", "1,2"}, {"shape", "box"}},
+       false,
+       {94, 94, 87, 87, 87, 97, 97, 94, 94, 87,  87, 87, 97, 97, 83, 83, 87,  87, 87, 97, 97,
         83, 83, 87, 87, 87, 90, 90, 83, 83, 100, 93, 90, 90, 90, 83, 83, 100, 93, 90, 90, 90}},
-      {"erode", {{"radius", "2"}, {"shape", "box"}}, true,
+      {"erode",
+       {{"radius", "2"}, {"shape", "box"}},
+       true,
        {-350, -350, -350, -329, -329, -329, -329, -350, -350, -350, -329, -329, -329, -329,
         -350, -350, -350, -329, -329, -329, -329, -308, -308, -329, -329, -336, -336, -336,
         -308, -308, -308, -308, -336, -336, -336, -308, -308, -308, -308, -336, -336, -336}},
       // A ball of radius 1.5 takes the diagonals in: the 3 x 3 box.
-      {"close", {{"radius", "1.5"}}, true,
-       {308, 308, 168, 168, 168, 238, 238, 308, 308, 168, 168, 168, 238, 238,
-        140, 140, 259, 259, 259, 329, 329, 140, 140, 259, 259, 259, 280, 280,
-        140, 140, 350, 301, 161, 112, 112, 231, 231, 350, 301, 161, 112, 112}},
+      {"close", {{"radius", "1.5"}}, true, {308, 308, 168, 168, 168, 238, 238, 308, 308, 168, 168,
+                                            168, 238, 238, 140, 140, 259, 259, 259, 329, 329, 140,
+                                            140, 259, 259, 259, 280, 280, 140, 140, 350, 301, 161,
+                                            112, 112, 231, 231, 350, 301, 161, 112, 112}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.op + " " + c.parameters.front().second);
@@ -90,18 +95,18 @@ TEST(Morphology, OpeningAndClosingAreIdempotent) {
 }
 
 // An 8 x 6 mask; scipy holds it as shape (6, 8).
-const std::vector<unsigned char> kMask = {
-    1, 1, 0, 0, 0, 1, 0, 1, 0, 1, 0, 1, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 0,
-    1, 0, 1, 0, 1, 0, 1, 1, 1, 0, 0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 1, 1, 0, 1};
+const std::vector<unsigned char> kMask = {1, 1, 0, 0, 0, 1, 0, 1, 0, 1, 0, 1, 0, 0, 1, 0,
+                                          0, 0, 0, 1, 1, 0, 0, 0, 1, 0, 1, 0, 1, 0, 1, 1,
+                                          1, 0, 0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 1, 1, 0, 1};
 
 // A 7 x 6 mask with a hole of 3 pixels, another of 1, and a bay open to the border.
-const std::vector<unsigned char> kHoles = {
-    0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 1, 1, 0, 1,
-    0, 1, 1, 1, 0, 1, 0, 1, 0, 0, 1, 1, 1, 0};
+const std::vector<unsigned char> kHoles = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0,
+                                           0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 1, 1, 0, 1,
+                                           0, 1, 1, 1, 0, 1, 0, 1, 0, 0, 1, 1, 1, 0};
 
 std::vector<double> labelsOf(const std::vector<unsigned char>& mask, std::vector<double> keep) {
-  std::vector<double> face = {1, 1, 0, 0, 0, 2, 0, 3, 0, 1, 0, 4, 0, 0, 5, 0,
-                              0, 0, 0, 4, 4, 0, 0, 0, 6, 0, 7, 0, 4, 0, 8, 8,
+  std::vector<double> face = {1, 1, 0, 0, 0, 2, 0, 3, 0, 1, 0, 4, 0,  0,  5, 0,
+                              0, 0, 0, 4, 4, 0, 0, 0, 6, 0, 7, 0, 4,  0,  8, 8,
                               6, 0, 0, 0, 0, 0, 0, 8, 0, 9, 9, 0, 10, 10, 0, 8};
   for (std::size_t k = 0; k < face.size(); ++k) {
     face[k] = mask[k] && std::count(keep.begin(), keep.end(), face[k]) ? 1 : 0;
@@ -118,23 +123,25 @@ TEST(Components, MatchReferenceNumbers) {
     std::vector<unsigned char> mask;
     std::vector<double> expected;
   } cases[] = {
-      {"label", {{"connectivity", "face"}}, kMask,
-       {1, 1, 0, 0, 0, 2, 0, 3, 0, 1, 0, 4, 0, 0, 5, 0, 0, 0, 0, 4, 4, 0, 0, 0,
-        6, 0, 7, 0, 4, 0, 8, 8, 6, 0, 0, 0, 0, 0, 0, 8, 0, 9, 9, 0, 10, 10, 0, 8}},
-      {"label", {{"connectivity", "full"}}, kMask,
-       {1, 1, 0, 0, 0, 2, 0, 2, 0, 1, 0, 3, 0, 0, 2, 0, 0, 0, 0, 3, 3, 0, 0, 0,
-        4, 0, 3, 0, 3, 0, 5, 5, 4, 0, 0, 0, 0, 0, 0, 5, 0, 4, 4, 0, 6, 6, 0, 5}},
+      {"label", {{"connectivity", "face"}}, kMask, {1, 1, 0, 0, 0, 2, 0, 3, 0,  1,  0, 4,
+                                                    0, 0, 5, 0, 0, 0, 0, 4, 4,  0,  0, 0,
+                                                    6, 0, 7, 0, 4, 0, 8, 8, 6,  0,  0, 0,
+                                                    0, 0, 0, 8, 0, 9, 9, 0, 10, 10, 0, 8}},
+      {"label", {{"connectivity", "full"}}, kMask, {1, 1, 0, 0, 0, 2, 0, 2, 0, 1, 0, 3,
+                                                    0, 0, 2, 0, 0, 0, 0, 3, 3, 0, 0, 0,
+                                                    4, 0, 3, 0, 3, 0, 5, 5, 4, 0, 0, 0,
+                                                    0, 0, 0, 5, 0, 4, 4, 0, 6, 6, 0, 5}},
       // Components 4 and 8 have 4 pixels each, 1 has 3.
       {"largest", {{"count", "1"}}, kMask, labelsOf(kMask, {4})},
       {"largest", {{"count", "3"}}, kMask, labelsOf(kMask, {1, 4, 8})},
       {"largest", {{"count", "11"}}, kMask, labelsOf(kMask, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10})},
-      {"fill", {{"threads", "1"}}, kHoles,
-       {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1, 1, 0,
-        0, 1, 1, 1, 1, 1, 1, 0, 1, 1, 1, 1, 1, 0, 1, 0, 0, 1, 1, 1, 0}},
-      {"distance", {{"threads", "1"}}, kHoles,
-       {0,   0, 0, 0,   0,   0, 0,   0, 0.5, 1,   1.5, 1,   0.5, 0,
-        0,   0.5, 0, 0, 0.5, 0.5, 0,   0, 0.5, 0, 0.5, 0.5, 0,   0.5,
-        0,   0.5, 1, 0.5, 0, 0.5, 0,   0.5, 0, 0, 0.5, 1,   0.5, 0}},
+      {"fill", {{"threads", "1"}}, kHoles, {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0,
+                                            0, 1, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1, 1, 1,
+                                            0, 1, 1, 1, 1, 1, 0, 1, 0, 0, 1, 1, 1, 0}},
+      {"distance", {{"threads", "1"}}, kHoles, {0,   0,   0,   0,   0,   0,   0, 0,   0.5, 1,   1.5,
+                                                1,   0.5, 0,   0,   0.5, 0,   0, 0.5, 0.5, 0,   0,
+                                                0.5, 0,   0.5, 0.5, 0,   0.5, 0, 0.5, 1,   0.5, 0,
+                                                0.5, 0,   0.5, 0,   0,   0.5, 1, 0.5, 0}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.op + " " + c.parameters.front().second);
@@ -148,8 +155,8 @@ TEST(Components, MatchReferenceNumbers) {
   // Spacing 0.5, 1.5 and 2.5 along the axes.
   std::vector<short> volume;
   for (short k = 0; k < 60; ++k) volume.push_back(k * 7 % 5 != 0 ? -3 : 0);
-  const std::vector<double> slice = {0, 0.5, 1, 1.5, 0.5, 0, 0.5, 1, 1, 0.5, 0, 0.5, 1.5, 1, 0.5,
-                                     0, 2.121320, 1.802776, 1.581139, 1.5};
+  const std::vector<double> slice = {0, 0.5, 1,   1.5, 0.5, 0, 0.5,      1,        1,        0.5,
+                                     0, 0.5, 1.5, 1,   0.5, 0, 2.121320, 1.802776, 1.581139, 1.5};
   const std::vector<double> distances =
       valuesOf(*runNamed("distance", makeImage({4, 5, 3}, volume), {}));
   for (std::size_t k = 0; k < distances.size(); ++k) EXPECT_NEAR(distances[k], slice[k % 20], 1e-6);
@@ -208,10 +215,9 @@ TEST(Components, ThreadsKeepTheBitsAndNoZeroIsInfinitelyFar) {
 TEST(Morphology, RefusesBadParameters) {
   const ImagePtr image = makeImage({5, 4}, kGrey);
   for (const std::string op : {"erode", "open"}) {
-    for (const Parameters& p :
-         {Parameters{{"radius", "-1"}}, Parameters{{"radius", "1,2,3"}},
-          Parameters{{"radius", "x"}}, Parameters{{"radius", "2e6"}},
-          Parameters{{"shape", "disc"}}, Parameters{{"threads", "-2"}}}) {
+    for (const Parameters& p : {Parameters{{"radius", "-1"}}, Parameters{{"radius", "1,2,3"}},
+                                Parameters{{"radius", "x"}}, Parameters{{"radius", "2e6"}},
+                                Parameters{{"shape", "disc"}}, Parameters{{"threads", "-2"}}}) {
       expectRefusal(op, image, p);
     }
   }

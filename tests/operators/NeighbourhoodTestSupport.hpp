@@ -46,7 +46,7 @@ inline void expectRefusal(const std::string& name, const ImagePtr& image,
                           const Parameters& parameters) {
   SCOPED_TRACE(name + " " + parameters.back().first + "=" + parameters.back().second);
   expectThrow<std::ios_base::failure>([&] { runNamed(name, image, parameters); },
-                                     {parameters.back().first, parameters.back().second});
+                                      {parameters.back().first, parameters.back().second});
 }
 
 template <class T>

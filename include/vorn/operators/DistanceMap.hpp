@@ -4,7 +4,7 @@
 // (UCHAR, SHORT or FLOAT) to the nearest zero pixel, in physical units (the image's spacing),
 // into a FLOAT image of the same box and geometry; zero pixels get exactly 0.
 //
-//   vorn::DistanceMap distance;   // as scipy.ndimage.distance_transform_edt(mask, sampling=spacing)
+//   vorn::DistanceMap distance;   // scipy: distance_transform_edt(mask, sampling=spacing)
 //
 // Separable and linear in the number of pixels: one lower envelope of parabolas per line and
 // axis (Felzenszwalb and Huttenlocher), on squared distances kept in the output between passes.

@@ -178,8 +178,8 @@ struct TubeKeys<float> {
 // Slides the window along each row of `part`: the column entering is counted, the one leaving
 // uncounted, and the median read from the counts; they are empty again at the end of the row.
 template <class T>
-void medianRows(const T* in, T* out, const Layout& image, const std::vector<long>& half,
-                Key rank, const Region& part, RankCounts& counts) {
+void medianRows(const T* in, T* out, const Layout& image, const std::vector<long>& half, Key rank,
+                const Region& part, RankCounts& counts) {
   const long first = part.start[0];
   const long end = first + part.size[0];
   const long columns = end - first + 2 * half[0];
@@ -278,7 +278,8 @@ void MedianFilter::generateData() {
   detail::dispatchPixelType(type, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* out = static_cast<T*>(output->getBuffer());
-    if (!target.empty()) median(static_cast<const T*>(input->getBuffer()), out, layout, half, target, threads);
+    if (!target.empty())
+      median(static_cast<const T*>(input->getBuffer()), out, layout, half, target, threads);
     if (target.size != layout.size) detail::zeroOutside(out, layout, target);
   });
 }

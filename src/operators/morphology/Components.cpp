@@ -78,7 +78,8 @@ struct Forest {
 };
 
 // Joins each set pixel of `part` to its earlier set neighbours whose index along `axis` is at
-// least `from`: within a slab when `from` is its start, across its first layer when not.
+// least `from`: within a slab when `from` is its start, across its first layer when not. Runs
+// along axis 0 are joined pixel to pixel, other neighbours only where a run pair starts.
 void uniteNeighbours(Forest& forest, const std::vector<unsigned char>& set, const Layout& image,
                      const Region& part, const std::vector<std::vector<long>>& neighbours,
                      unsigned axis, long from) {
@@ -94,11 +95,18 @@ void uniteNeighbours(Forest& forest, const std::vector<unsigned char>& set, cons
       if (!inside) continue;
       const long x0 = std::max(part.start[0], axis == 0 ? from - d[0] : -d[0]);
       const long x1 = std::min(part.start[0] + part.size[0], image.size[0] - d[0]);
+      const unsigned char* here = set.data() + offset;
+      const unsigned char* there = here + shift;
+      Index* parent = forest.parent.data();
       for (long x = x0; x < x1; ++x) {
-        const long p = offset + x;
-        if (set[static_cast<std::size_t>(p)] && set[static_cast<std::size_t>(p + shift)]) {
-          forest.unite(static_cast<Index>(p), static_cast<Index>(p + shift));
+        if (!here[x] || !there[x]) continue;
+        const auto p = static_cast<Index>(offset + x);
+        if (shift == -1 && parent[p] == p) {
+          parent[p] = parent[p - 1];  // a pixel on its own joins the run it continues
+        } else if (shift == -1 || x == x0 || !here[x - 1] || !there[x - 1]) {
+          forest.unite(p, static_cast<Index>(static_cast<long>(p) + shift));
         }
+        // else both pixels continue runs whose previous pixels are joined already
       }
     }
   });
@@ -113,6 +121,7 @@ struct Labels {
 // order, then numbered in one scan: the same labels for any thread count.
 Labels label(const std::vector<unsigned char>& set, const Layout& image, bool full,
              unsigned threads) {
+  if (set.empty()) return Labels{};
   Forest forest;
   forest.parent.resize(set.size());
   std::iota(forest.parent.begin(), forest.parent.end(), Index(0));
@@ -128,14 +137,41 @@ Labels label(const std::vector<unsigned char>& set, const Layout& image, bool fu
     if (!slabStarts[static_cast<std::size_t>(s)]) continue;
     uniteNeighbours(forest, set, image, detail::slab(whole, axis, s, s + 1), neighbours, axis, 0);
   }
+  // Every parent comes before its child, so in one ascending scan a pixel's parent already
+  // holds the label of their component: the forest becomes the labels in place.
   Labels labels;
-  labels.label.assign(set.size(), 0);
+  Index* entry = forest.parent.data();
   for (std::size_t i = 0; i < set.size(); ++i) {
-    if (!set[i]) continue;
-    const Index root = forest.find(static_cast<Index>(i));
-    labels.label[i] = root == i ? ++labels.count : labels.label[root];
+    if (!set[i]) {
+      entry[i] = 0;
+    } else {
+      entry[i] = entry[i] == i ? ++labels.count : entry[entry[i]];
+    }
   }
+  labels.label = std::move(forest.parent);
   return labels;
+}
+
+// For each label, whether any of its pixels lies on a face of the image.
+std::vector<unsigned char> touchingTheBorder(const Labels& labels, const Layout& image) {
+  std::vector<unsigned char> touching(labels.count + std::size_t(1), 0);
+  if (labels.label.empty()) return touching;
+  const long width = image.size[0];
+  const auto mark = [&](long p) { touching[labels.label[static_cast<std::size_t>(p)]] = 1; };
+  detail::forEachRow(image, detail::wholeRegion(image), 0,
+                     [&](long offset, const std::vector<long>& index) {
+                       bool edge = false;
+                       for (std::size_t a = 1; a < index.size(); ++a) {
+                         edge = edge || index[a] == 0 || index[a] == image.size[a] - 1;
+                       }
+                       if (!edge) {  // only the row's two ends lie on a face
+                         mark(offset);
+                         mark(offset + width - 1);
+                         return;
+                       }
+                       for (long x = 0; x < width; ++x) mark(offset + x);
+                     });
+  return touching;
 }
 
 bool fullConnectivity(ProcessObject& op) {
@@ -213,8 +249,9 @@ void LargestComponents::generateData() {
   std::vector<Index> order(labels.count);
   std::iota(order.begin(), order.end(), Index(1));
   const std::size_t kept = std::min<std::size_t>(order.size(), static_cast<std::size_t>(wanted));
-  std::partial_sort(order.begin(), order.begin() + static_cast<long>(kept), order.end(),
-                    [&](Index a, Index b) { return size[a] != size[b] ? size[a] > size[b] : a < b; });
+  std::partial_sort(
+      order.begin(), order.begin() + static_cast<long>(kept), order.end(),
+      [&](Index a, Index b) { return size[a] != size[b] ? size[a] > size[b] : a < b; });
   std::vector<unsigned char> keep(size.size(), 0);
   for (std::size_t k = 0; k < kept; ++k) keep[order[k]] = 1;
   unsigned char* out =
@@ -233,20 +270,7 @@ void FillHoles::generateData() {
   const unsigned threads = detail::threadsFor(*this);
   const Layout layout = checkedLayout(*this, *input);
   const Labels background = label(pixelsWhere(*input, true), layout, false, threads);
-  std::vector<unsigned char> open(background.count + std::size_t(1), 0);
-  const long width = layout.size[0];
-  detail::forEachRow(layout, detail::wholeRegion(layout), 0,
-                     [&](long offset, const std::vector<long>& index) {
-                       bool edgeRow = false;
-                       for (std::size_t a = 1; a < index.size(); ++a) {
-                         edgeRow = edgeRow || index[a] == 0 || index[a] == layout.size[a] - 1;
-                       }
-                       for (long x = 0; x < width; ++x) {
-                         if (edgeRow || x == 0 || x == width - 1) {
-                           open[background.label[static_cast<std::size_t>(offset + x)]] = 1;
-                         }
-                       }
-                     });
+  const std::vector<unsigned char> open = touchingTheBorder(background, layout);
   unsigned char* out =
       allocate<unsigned char>(*input, *detail::outputImage(*this, 0), PixelType::UCHAR);
   for (std::size_t i = 0; i < background.label.size(); ++i) {

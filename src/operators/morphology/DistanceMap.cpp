@@ -114,8 +114,8 @@ void DistanceMap::generateData() {
     detail::parallelSlabs(threads, whole, axis, [&](const Region& part) {
       detail::dispatchPixelType(input->getPointType(), [&](auto tag) {
         using T = typename decltype(tag)::type;
-        pass<T>(axis == 0 ? static_cast<const T*>(input->getBuffer()) : nullptr, out, layout,
-                axis, step, part);
+        pass<T>(axis == 0 ? static_cast<const T*>(input->getBuffer()) : nullptr, out, layout, axis,
+                step, part);
       });
     });
   }

@@ -68,7 +68,8 @@ void windowExtreme(const T* line, long length, long first, long width, long half
                    T* result) {
   const long span = 2 * half + 1;
   const long count = width + 2 * half;
-  for (std::vector<T>* v : {&s.pad, &s.prefix, &s.suffix}) v->resize(static_cast<std::size_t>(count));
+  for (std::vector<T>* v : {&s.pad, &s.prefix, &s.suffix})
+    v->resize(static_cast<std::size_t>(count));
   T* pad = s.pad.data();
   T* prefix = s.prefix.data();
   T* suffix = s.suffix.data();
@@ -107,7 +108,9 @@ std::vector<Chord> chords(const Footprint& footprint) {
     if (used <= 1 + 1e-12) {
       const double r0 = footprint.radius[0];
       long half = 0;
-      while (half < footprint.reach[0] && std::pow(static_cast<double>(half + 1) / r0, 2) + used <= 1 + 1e-12) ++half;
+      while (half < footprint.reach[0] &&
+             std::pow(static_cast<double>(half + 1) / r0, 2) + used <= 1 + 1e-12)
+        ++half;
       list.push_back(Chord{offset, half});
     }
     std::size_t a = 1;
@@ -185,9 +188,8 @@ void extremeFilter(const T* in, T* out, const Layout& image, const Region& targe
                    const Footprint& footprint, unsigned threads) {
   if (!footprint.box) {
     const std::vector<Chord> list = chords(footprint);
-    detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
-      ballRows<Op>(in, out, image, list, part);
-    });
+    detail::parallelSlabs(threads, target, -1u,
+                          [&](const Region& part) { ballRows<Op>(in, out, image, list, part); });
     return;
   }
   std::vector<unsigned> axes;
@@ -195,9 +197,8 @@ void extremeFilter(const T* in, T* out, const Layout& image, const Region& targe
     if (footprint.reach[a] > 0) axes.push_back(a);
   }
   if (axes.empty()) {  // one pixel: a pass of half-width 0 copies
-    detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
-      boxLines<Op>(in, out, image, 0, 0, part);
-    });
+    detail::parallelSlabs(threads, target, -1u,
+                          [&](const Region& part) { boxLines<Op>(in, out, image, 0, 0, part); });
     return;
   }
   std::vector<Region> regions(axes.size());
