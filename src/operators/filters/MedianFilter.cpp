@@ -268,8 +268,11 @@ void MedianFilter::generateData() {
   const std::vector<long> half = halfSizes(*this, layout.size.size());
   const unsigned threads = detail::threadsFor(*this);
   const Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
-  if (static_cast<unsigned long>(layout.pixels()) > 0xffffffffUL) {
-    throw std::invalid_argument(getName() + ": images of 2^32 pixels or more are refused");
+  double tube = static_cast<double>(layout.size[0] + 2 * half[0]);  // a row's windows
+  for (std::size_t a = 1; a < half.size(); ++a) tube *= static_cast<double>(2 * half[a] + 1);
+  if (tube >= 4294967296.0) {
+    detail::throwBadParameter(*this, "size", getParameterValue("size"),
+                              "the windows of a row would cover 2^32 pixels or more");
   }
   const PixelType::Type type = input->getPointType();
   detail::dispatchPixelType(type, [](auto) {});  // refuses a type without elements first
