@@ -7,7 +7,8 @@ packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
   libpng-dev libnifti2-dev zlib1g-dev
   python3-dev pybind11-dev python3-numpy python3-pytest python3-dask python3-distributed
   dpkg-dev file pkg-config graphviz doxygen
-  python3-skimage)  # its sample photographs: the demo test runs on one
+  python3-skimage  # its sample photographs: the demo test runs on one
+  python3-scipy)  # the reference scripts/bench_scipy_morphology.py times vorn against
 
 missing=()
 for package in "${packages[@]}"; do
