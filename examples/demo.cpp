@@ -4,11 +4,13 @@
 //
 // Each image goes through   source -> gaussian -> threshold -> mask (source, threshold) -> stats
 // and every stage is written as a PNG (for a volume, the middle slice across each axis) into the
-// output folder (default vorn-demo), volumes also as NIfTI. Then the graph is drawn, the
+// output folder (default vorn-demo), volumes also as NIfTI. The volume's skull then gives the
+// head's shape: its largest component, holes filled, and the distance map. The graph is drawn, the
 // threshold changed to show that only what depends on it runs again, and the intermediate
 // images of the volume swapped to disk to show the memory they free.
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -125,6 +127,44 @@ void runAndSave(Chain& chain, const std::string& folder, const std::string& pref
   std::cout << "\nmask: " << insideCount(*outputOf(chain.threshold)) << " pixels inside of "
             << outputOf(chain.threshold)->getPixelNumber() << "; stages written as " << folder
             << "/" << prefix << "-*" << std::endl;
+}
+
+void saveVolume(vorn::ProcessObject& stage, const std::string& stem) {
+  demo::saveMiddleSlices(*outputOf(stage), stem);
+  vorn::writeImageFile(*outputOf(stage), stem + ".nii.gz");
+}
+
+// The head's outline from its thresholded skull: the largest component of the threshold (the
+// skull), its holes filled (the skull with all it holds), and how deep each pixel lies in it.
+void shapeOfTheHead(Chain& head, const std::string& folder) {
+  std::cout << "\n== The head's shape: largest component of the threshold, holes filled, "
+               "distance to the outside =="
+            << std::endl;
+  vorn::LargestComponents largest;
+  vorn::FillHoles fill;
+  vorn::DistanceMap distance;
+  largest.setName("largest");
+  fill.setName("fill");
+  distance.setName("distance");
+  largest.setInputPort(0, head.threshold.getOutputPort(0));
+  fill.setInputPort(0, largest.getOutputPort(0));
+  distance.setInputPort(0, fill.getOutputPort(0));
+  distance.update();
+  int n = 5;
+  for (vorn::ProcessObject* stage :
+       {static_cast<vorn::ProcessObject*>(&largest), static_cast<vorn::ProcessObject*>(&fill),
+        static_cast<vorn::ProcessObject*>(&distance)}) {
+    saveVolume(*stage, folder + "/head-" + std::to_string(n++) + "-" + stage->getName());
+  }
+  const vorn::ImageObject& depth = *outputOf(distance);
+  double deepest = 0;
+  for (unsigned long k = 0; k < depth.getPixelNumber(); ++k) {
+    deepest = std::max(deepest, demo::valueAt(depth, k));
+  }
+  std::cout << "\nlargest component: " << insideCount(*outputOf(largest))
+            << " pixels; filled: " << insideCount(*outputOf(fill))
+            << " pixels; deepest point: " << deepest << " from the outside (spacing units)"
+            << std::endl;
 }
 
 void drawGraph(Chain& chain, const std::string& folder) {
@@ -249,6 +289,7 @@ int main(int argc, char** argv) {
     std::cout << "\n== 3-D head (96 x 112 x 96): the same pipeline ==" << std::endl;
     Chain head(demo::makeHeadVolume(), 120);
     runAndSave(head, folder, "head");
+    shapeOfTheHead(head, folder);
     drawGraph(head, folder);
     changeThreshold(head, 100);
     swapIntermediates(folder);

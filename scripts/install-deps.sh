@@ -11,6 +11,7 @@ packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
   clang libclang-rt-dev  # the libFuzzer programs, which test.sh builds
   python3-tifffile python3-nibabel  # the real-file tests compare with what they read
   python3-skimage  # its sample photographs: the demo test runs on one
+  python3-scipy  # the reference scripts/bench_scipy_*.py time vorn against
   python3-tornado chromium chromium-driver python3-selenium  # vorn.view and its browser test
 )
 

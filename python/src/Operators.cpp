@@ -70,6 +70,18 @@ void bindOperatorClasses(py::module_& m) {
   bindOperator<MaskOperator>(m, "MaskOperator");
   bindOperator<ImageFileReader>(m, "ImageFileReader");
   bindOperator<ImageFileWriter>(m, "ImageFileWriter");
+  // Filters and morphology.
+  bindOperator<MedianFilter>(m, "MedianFilter");
+  bindOperator<GradientMagnitude>(m, "GradientMagnitude");
+  bindOperator<LaplacianOfGaussian>(m, "LaplacianOfGaussian");
+  bindOperator<Erosion>(m, "Erosion");
+  bindOperator<Dilation>(m, "Dilation");
+  bindOperator<Opening>(m, "Opening");
+  bindOperator<Closing>(m, "Closing");
+  bindOperator<ConnectedComponents>(m, "ConnectedComponents");
+  bindOperator<LargestComponents>(m, "LargestComponents");
+  bindOperator<FillHoles>(m, "FillHoles");
+  bindOperator<DistanceMap>(m, "DistanceMap");
   py::class_<ImageStatistics>(m, "ImageStatistics")
       .def_readonly("count", &ImageStatistics::count)
       .def_readonly("min", &ImageStatistics::min)

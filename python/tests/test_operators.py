@@ -86,3 +86,25 @@ def test_pipelines_run_python_operators(quiet):
     assert pipeline.isContainingProcessObject(scale)
     pipeline.unRegisterOperator(scale)
     assert not pipeline.isContainingProcessObject(scale)
+
+
+def test_filter_and_morphology_classes_are_the_catalog_operators(quiet):
+    # A ring with a hole: each class runs under its catalog name and gives what the ring says.
+    image = np.zeros((9, 9), np.float32)
+    image[2:7, 2:7] = 1
+    image[4, 4] = 0
+    source = ArraySource(image)
+    expected = {"fill": 25, "largest": 24, "erode": 4, "dilate": 49 - 4, "median": 25 - 4}
+    for name, cls in [("median", vorn.MedianFilter), ("erode", vorn.Erosion),
+                      ("dilate", vorn.Dilation), ("open", vorn.Opening), ("close", vorn.Closing),
+                      ("gradient", vorn.GradientMagnitude), ("laplace", vorn.LaplacianOfGaussian),
+                      ("label", vorn.ConnectedComponents), ("largest", vorn.LargestComponents),
+                      ("fill", vorn.FillHoles), ("distance", vorn.DistanceMap)]:
+        op = vorn.createOperator(name)
+        assert isinstance(op, cls), name
+        op.getInputPort(0).connectTo(source.getOutputPort(0))
+        op.update()
+        out = output_array(op)
+        assert out.shape == image.shape
+        if name in expected:
+            assert np.count_nonzero(out) == expected[name], name

@@ -5,14 +5,19 @@
 #include "ImageFileCodecs.hpp"
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
+#include "vorn/operators/Components.hpp"
 #include "vorn/operators/CropOperator.hpp"
+#include "vorn/operators/DistanceMap.hpp"
 #include "vorn/operators/FlipOperator.hpp"
+#include "vorn/operators/GaussianDerivatives.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
 #include "vorn/operators/ImageFileReader.hpp"
 #include "vorn/operators/ImageFileWriter.hpp"
 #include "vorn/operators/LabelStatistics.hpp"
 #include "vorn/operators/MaskOperator.hpp"
 #include "vorn/operators/MathOperator.hpp"
+#include "vorn/operators/MedianFilter.hpp"
+#include "vorn/operators/Morphology.hpp"
 #include "vorn/operators/OtsuThreshold.hpp"
 #include "vorn/operators/PadOperator.hpp"
 #include "vorn/operators/ResampleOperator.hpp"
@@ -33,6 +38,13 @@ const OperatorParameterInfo kThreads{"threads", "", "threads to use (empty or 0:
 const char* const kMathOps = "add, sub, mul, div, min, max; abs, sqrt, log, exp, neg (math)";
 const OperatorParameterInfo kOutputType{"type", "float",
                                         "output pixel type: uchar, short or float"};
+const char* const kThreadsHelp = "worker threads (empty: every core, or setThreadCount)";
+
+std::vector<OperatorParameterInfo> footprint() {
+  return {{"radius", "1", "in pixels: one value for every axis, or one per axis (3,3,1)"},
+          {"shape", "ball", "ball (pixels within the radius) or box (2 radius + 1 per axis)"},
+          {"threads", "", kThreadsHelp}};
+}
 
 std::vector<OperatorInfo> buildCatalog() {
   return {
@@ -56,7 +68,8 @@ std::vector<OperatorInfo> buildCatalog() {
        &make<CastOperator>},
       {"gaussian",
        "Gaussian smoothing into a float image.",
-       {{"sigma", "1", "in pixels: one value for every axis, or one per axis (2,1,0.5)"}},
+       {{"sigma", "1", "in pixels: one value for every axis, or one per axis (2,1,0.5)"},
+        {"threads", "", kThreadsHelp}},
        1,
        1,
        &make<GaussianSmoothing>},
@@ -162,6 +175,60 @@ std::vector<OperatorInfo> buildCatalog() {
        2,
        1,
        &make<LabelStatistics>},
+      // Filters and morphology.
+      {"median",
+       "Median over a box, into an image of the input's type.",
+       {{"size", "3", "odd, in pixels: one value for every axis, or one per axis (5,5,3)"},
+        {"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<MedianFilter>},
+      {"gradient",
+       "Gaussian gradient magnitude into a float image.",
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"},
+        {"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<GradientMagnitude>},
+      {"laplace",
+       "Laplacian of Gaussian into a float image.",
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"},
+        {"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<LaplacianOfGaussian>},
+      {"erode", "Grey erosion: the minimum over a ball or box.", footprint(), 1, 1, &make<Erosion>},
+      {"dilate", "Grey dilation: the maximum over a ball or box.", footprint(), 1, 1,
+       &make<Dilation>},
+      {"open", "Grey opening: the dilation of the erosion.", footprint(), 1, 1, &make<Opening>},
+      {"close", "Grey closing: the erosion of the dilation.", footprint(), 1, 1, &make<Closing>},
+      {"label",
+       "Numbers the connected components of the non-zero pixels, into a float image.",
+       {{"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"},
+        {"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<ConnectedComponents>},
+      {"largest",
+       "Keeps the largest connected components, as a uchar mask of 0 and 1.",
+       {{"count", "1", "how many components to keep"},
+        {"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"},
+        {"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<LargestComponents>},
+      {"fill",
+       "Fills the holes of a mask, as a uchar mask of 0 and 1.",
+       {{"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<FillHoles>},
+      {"distance",
+       "Euclidean distance of each non-zero pixel to the nearest zero, in spacing units (float).",
+       {{"threads", "", kThreadsHelp}},
+       1,
+       1,
+       &make<DistanceMap>},
   };
 }
 

@@ -73,6 +73,25 @@ TEST(Demo, BuiltInSamples) {
     EXPECT_EQ((std::vector<unsigned long>{96, 112}),
               sizesOf(*read(folder / ("head-" + stage + "-axis2.png"))));
   }
+  // The head's shape: the skull, filled, and its distance map, each counted independently.
+  for (const std::string stage : {"5-largest", "6-fill", "7-distance"}) {
+    EXPECT_EQ((std::vector<unsigned long>{96, 112, 96}),
+              sizesOf(*read(folder / ("head-" + stage + ".nii.gz"))));
+    EXPECT_TRUE(fs::exists(folder / ("head-" + stage + "-axis1.png")));
+  }
+  std::smatch shape;
+  ASSERT_TRUE(std::regex_search(
+      out, shape, std::regex(R"(largest component: (\d+) pixels; filled: (\d+) pixels)")));
+  EXPECT_EQ(nonZero(*read(folder / "head-5-largest.nii.gz")), std::stoul(shape[1]));
+  const auto filled = read(folder / "head-6-fill.nii.gz");
+  EXPECT_EQ(nonZero(*filled), std::stoul(shape[2]));
+  EXPECT_GT(std::stoul(shape[2]), 2 * std::stoul(shape[1]));  // the skull holds the brain
+  const auto depth = read(folder / "head-7-distance.nii.gz");
+  const auto* inside = static_cast<const unsigned char*>(filled->getBuffer());
+  const auto* distance = static_cast<const float*>(depth->getBuffer());
+  for (unsigned long k = 0; k < depth->getPixelNumber(); ++k) {
+    ASSERT_EQ(inside[k] == 0, distance[k] == 0.0f) << "pixel " << k;
+  }
   const std::vector<unsigned long> counts = maskCounts(out);
   ASSERT_EQ(3u, counts.size());
   EXPECT_EQ(nonZero(*read(folder / "phantom-3-threshold.png")), counts[0]);

@@ -7,7 +7,8 @@
 //
 // The kernel of each axis has radius int(4 * sigma + 0.5) and normalised weights
 // exp(-x^2 / (2 sigma^2)); beyond the image the edge pixel repeats. A sigma of 0 leaves its
-// axis alone. UCHAR and SHORT inputs are smoothed as float.
+// axis alone. UCHAR and SHORT inputs are smoothed as float. The `threads` parameter (empty:
+// vorn::setThreadCount) sets how many threads share each pass; any count gives the same bits.
 //
 // Regions of interest: when the output's region of interest is set, only its bounding box
 // (clipped to the image) is computed, exactly as the whole image would give it there, and the

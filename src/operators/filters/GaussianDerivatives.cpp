@@ -1,0 +1,89 @@
+#include "vorn/operators/GaussianDerivatives.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "GaussianLines.hpp"
+#include "OperatorSupport.hpp"
+#include "Parallel.hpp"
+#include "ParallelRegion.hpp"
+#include "vorn/Parameter.hpp"
+
+namespace vorn {
+namespace {
+
+using detail::Layout;
+using detail::Region;
+
+void declare(ProcessObject& op, const char* name) {
+  op.setName(name);
+  op.addInput("ImageObject");
+  op.addOutput("ImageObject");
+  op.addParameter(new Parameter("sigma", "1"));
+  op.addParameter(detail::threadsParameter());
+}
+
+// How each axis's derivative joins the output: the first one sets it, later ones add to it.
+enum class Combine { Square, Add };
+
+// Over `target`: out = (or +=) d or d^2, d being the derivative of order `order` along each
+// axis in turn, the other axes smoothed. Each derivative after the first goes through
+// `scratch`, a float buffer of the image's size.
+void sumDerivatives(ProcessObject& op, unsigned order, Combine combine) {
+  const detail::ImagePtr input = detail::inputImage(op, 0);
+  const detail::ImagePtr output = detail::outputImage(op, 0);
+  const Layout layout = detail::layoutOf(*input);
+  const std::vector<double> sigmas = detail::sigmaPerAxis(op, layout.size.size(), true);
+  const unsigned threads = detail::threadsFor(op);
+  const Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
+  detail::prepareFloatOutput(*input, *output);
+  float* out = static_cast<float*>(output->getBuffer());
+  if (target.empty()) {
+    std::fill_n(out, output->getPixelNumber(), 0.0f);
+    return;
+  }
+  std::vector<float> scratch;
+  const long first = target.start[0];
+  const long width = target.size[0];
+  for (unsigned axis = 0; axis < sigmas.size(); ++axis) {
+    std::vector<detail::LineKernel> kernels;
+    for (unsigned a = 0; a < sigmas.size(); ++a) {
+      kernels.push_back(detail::gaussianKernel(sigmas[a], a == axis ? order : 0, layout.size[a]));
+    }
+    if (axis == 1) scratch.resize(static_cast<std::size_t>(layout.pixels()));
+    float* derivative = axis == 0 ? out : scratch.data();
+    detail::correlateSeparable(*input, kernels, target, derivative, threads);
+    detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
+      detail::forEachRow(layout, part, 0, [&](long offset, const std::vector<long>&) {
+        float* row = out + offset + first;
+        const float* d = derivative + offset + first;
+        for (long i = 0; i < width; ++i) {
+          const float term = combine == Combine::Square ? d[i] * d[i] : d[i];
+          row[i] = axis == 0 ? term : row[i] + term;
+        }
+      });
+    });
+  }
+  if (combine == Combine::Square) {
+    detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
+      detail::forEachRow(layout, part, 0, [&](long offset, const std::vector<long>&) {
+        float* row = out + offset + first;
+        for (long i = 0; i < width; ++i) row[i] = std::sqrt(row[i]);
+      });
+    });
+  }
+  if (target.size != layout.size) detail::zeroOutside(out, layout, target);
+}
+
+}  // namespace
+
+GradientMagnitude::GradientMagnitude() { declare(*this, "GradientMagnitude"); }
+
+void GradientMagnitude::generateData() { sumDerivatives(*this, 1, Combine::Square); }
+
+LaplacianOfGaussian::LaplacianOfGaussian() { declare(*this, "LaplacianOfGaussian"); }
+
+void LaplacianOfGaussian::generateData() { sumDerivatives(*this, 2, Combine::Add); }
+
+}  // namespace vorn
