@@ -191,12 +191,12 @@ TEST(OperatorCatalog, MatchesTheOperatorsItCreates) {
       EXPECT_EQ(parameters[p]->getValue(), info.parameters[p].defaultValue) << info.name;
     }
   }
-  EXPECT_EQ(names,
-            (std::vector<std::string>{"read", "write", "cast", "gaussian", "threshold", "mask",
-                                      "stats", "math", "math2", "rescale", "otsu", "crop", "pad",
-                                      "flip", "permute", "resample", "labelstats", "median",
-                                      "gradient", "laplace", "erode", "dilate", "open", "close",
-                                      "label", "largest", "fill", "distance"}));
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "read",     "write",   "cast",    "gaussian", "threshold",  "mask",
+                       "stats",    "math",    "math2",   "rescale",  "otsu",       "crop",
+                       "pad",      "flip",    "permute", "resample", "labelstats", "median",
+                       "gradient", "laplace", "erode",   "dilate",   "open",       "close",
+                       "label",    "largest", "fill",    "distance"}));
   EXPECT_FALSE(vorn::createOperator("Gaussian"));
   EXPECT_EQ(vorn::findOperator(""), nullptr);
 }
