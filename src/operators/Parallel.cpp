@@ -2,9 +2,18 @@
 
 #include <sched.h>
 
-#include <atomic>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_arena.h>
+
 #include <algorithm>
+#include <atomic>
 #include <charconv>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -51,13 +60,96 @@ unsigned int threadsFor(ProcessObject& op) {
   return count > 0 ? count : threadCount();
 }
 
-// Serial for now: the chunks run in order on the calling thread.
-void parallelFor(unsigned int /*threads*/, std::size_t count, std::size_t grain,
+}  // namespace detail
+
+namespace {
+
+// One arena per concurrency, made on first use and kept: making one costs more than a small
+// chunk of pixels. They are never destroyed, as operators may still run while statics go.
+tbb::task_arena& arenaFor(unsigned int threads) {
+  static std::mutex guard;
+  static auto* arenas = new std::map<unsigned int, std::unique_ptr<tbb::task_arena>>();
+  const std::lock_guard<std::mutex> lock(guard);
+  std::unique_ptr<tbb::task_arena>& arena = (*arenas)[threads];
+  if (!arena) arena = std::make_unique<tbb::task_arena>(static_cast<int>(threads));
+  return *arena;
+}
+
+// The state the chunks of one parallelFor share. The atomics are also what a race detector
+// sees of the hand-over between threads, as the pool's own synchronisation is not instrumented:
+// `started` publishes the caller's writes to the chunks, `ended` the chunks' writes to it.
+class ChunkRun {
+ public:
+  ChunkRun(std::size_t count, std::size_t grain) : m_count(count), m_grain(grain) {
+    m_started.store(true, std::memory_order_release);
+  }
+
+  void run(std::size_t chunk, const std::function<void(std::size_t, std::size_t)>& body) {
+    (void)m_started.load(std::memory_order_acquire);
+    if (!m_failed.load(std::memory_order_acquire)) {
+      try {
+        body(chunk * m_grain, std::min(m_count, (chunk + 1) * m_grain));
+      } catch (...) {
+        keep(chunk, std::current_exception());
+      }
+    }
+    m_ended.fetch_add(1, std::memory_order_acq_rel);
+  }
+
+  // After every chunk: rethrows the failure of the lowest chunk that failed, so the message
+  // does not depend on which thread got there first.
+  void finish() {
+    (void)m_ended.load(std::memory_order_acquire);
+    const std::lock_guard<std::mutex> lock(m_guard);
+    if (m_failure) std::rethrow_exception(m_failure);
+  }
+
+ private:
+  void keep(std::size_t chunk, std::exception_ptr failure) {
+    const std::lock_guard<std::mutex> lock(m_guard);
+    if (!m_failure || chunk < m_failedChunk) {
+      m_failure = std::move(failure);
+      m_failedChunk = chunk;
+    }
+    m_failed.store(true, std::memory_order_release);
+  }
+
+  std::size_t m_count;
+  std::size_t m_grain;
+  std::atomic<bool> m_started{false};
+  std::atomic<bool> m_failed{false};
+  std::atomic<std::size_t> m_ended{0};
+  std::mutex m_guard;
+  std::exception_ptr m_failure;
+  std::size_t m_failedChunk = 0;
+};
+
+}  // namespace
+
+namespace detail {
+
+void parallelFor(unsigned int threads, std::size_t count, std::size_t grain,
                  const std::function<void(std::size_t, std::size_t)>& body) {
   if (grain == 0) grain = 1;
-  for (std::size_t begin = 0; begin < count; begin += grain) {
-    body(begin, std::min(count, begin + grain));
+  const std::size_t chunks = count / grain + (count % grain != 0);
+  if (chunks <= 1 || threads <= 1) {
+    for (std::size_t begin = 0; begin < count; begin += grain) {
+      body(begin, std::min(count, begin + grain));
+    }
+    return;
   }
+  ChunkRun run(count, grain);
+  arenaFor(threads).execute([&] {
+    tbb::parallel_for(
+        tbb::blocked_range<std::size_t>(0, chunks, 1),
+        [&](const tbb::blocked_range<std::size_t>& range) {
+          for (std::size_t chunk = range.begin(); chunk != range.end(); ++chunk) {
+            run.run(chunk, body);
+          }
+        },
+        tbb::simple_partitioner());
+  });
+  run.finish();
 }
 
 }  // namespace detail
