@@ -8,6 +8,7 @@
 
 #include "ImageRegion.hpp"
 #include "OperatorSupport.hpp"
+#include "Parallel.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -180,36 +181,74 @@ void smoothAcrossRows(const T* in, float* out, const Layout& image, const Pass& 
   });
 }
 
-template <class T>
-void runPass(const T* in, float* out, const Layout& image, const Pass& pass) {
-  if (pass.axis == 0) {
-    smoothAlongRows(in, out, image, pass);
-  } else {
-    smoothAcrossRows(in, out, image, pass);
+// Calls f(part) for chunks of `region` cut along `axis`, of about kGrainPixels each and at
+// least `minimum` lines, on up to `threads` threads. The lines along the other axes of each
+// part are its own: no two chunks read or write the same pixel.
+template <class F>
+void forEachSlab(unsigned threads, const Region& region, unsigned axis, std::size_t minimum,
+                 F&& f) {
+  const auto lines = static_cast<std::size_t>(region.size[axis]);
+  if (lines == 0) return;
+  const std::size_t grain = std::max(
+      minimum, detail::grainFor(static_cast<std::size_t>(detail::pixelsOf(region)) / lines));
+  detail::parallelFor(threads, lines, grain, [&](std::size_t begin, std::size_t end) {
+    f(detail::slab(region, axis, static_cast<long>(begin), static_cast<long>(end)));
+  });
+}
+
+// The outermost axis other than the pass's own with more than one line: lines along the pass's
+// axis are independent, so chunks cut across them. The pass's axis when there is none (one line).
+unsigned splitAxis(const Pass& pass) {
+  for (unsigned axis = static_cast<unsigned>(pass.region.size.size()); axis-- > 0;) {
+    if (axis != pass.axis && pass.region.size[axis] > 1) return axis;
   }
+  return pass.axis;
+}
+
+// A cut along axis 0 keeps whole pieces of kPieceWidth columns, so that they still vectorise.
+template <class T>
+void runPass(unsigned threads, const T* in, float* out, const Layout& image, const Pass& pass) {
+  const unsigned axis = splitAxis(pass);
+  const std::size_t minimum = axis == 0 ? static_cast<std::size_t>(kPieceWidth) : 1;
+  const std::size_t whole =
+      axis == pass.axis ? static_cast<std::size_t>(pass.region.size[axis]) : 0;
+  forEachSlab(threads, pass.region, axis, std::max(minimum, whole), [&](const Region& part) {
+    const Pass piece{pass.axis, pass.weights, part};
+    if (pass.axis == 0) {
+      smoothAlongRows(in, out, image, piece);
+    } else {
+      smoothAcrossRows(in, out, image, piece);
+    }
+  });
 }
 
 // The first pass reads the input, in its own type; the others work in place in the output.
-void smooth(const ImageObject& input, const Layout& layout, const std::vector<Pass>& passes,
-            float* output) {
+void smooth(unsigned threads, const ImageObject& input, const Layout& layout,
+            const std::vector<Pass>& passes, float* output) {
   detail::dispatchPixelType(input.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    runPass(static_cast<const T*>(input.getBuffer()), output, layout, passes.front());
+    runPass(threads, static_cast<const T*>(input.getBuffer()), output, layout, passes.front());
   });
-  for (std::size_t i = 1; i < passes.size(); ++i) runPass(output, output, layout, passes[i]);
+  for (std::size_t i = 1; i < passes.size(); ++i) {
+    runPass(threads, output, output, layout, passes[i]);
+  }
 }
 
 // Without any pass the output is the input over the target, as float.
-void copyTarget(const ImageObject& input, const Layout& layout, const Region& target,
-                float* output) {
+void copyTarget(unsigned threads, const ImageObject& input, const Layout& layout,
+                const Region& target, float* output) {
   const long first = target.start[0];
   const long end = first + target.size[0];
   detail::dispatchPixelType(input.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     const T* in = static_cast<const T*>(input.getBuffer());
-    forEachRow(layout, target, 0, [&](long offset, const std::vector<long>&) {
-      std::copy(in + offset + first, in + offset + end, output + offset + first);
-    });
+    const unsigned axis = detail::outermostAxis(target);
+    forEachSlab(threads, target, axis, axis == 0 ? static_cast<std::size_t>(target.size[0]) : 1,
+                [&](const Region& part) {
+                  forEachRow(layout, part, 0, [&](long offset, const std::vector<long>&) {
+                    std::copy(in + offset + first, in + offset + end, output + offset + first);
+                  });
+                });
   });
 }
 
@@ -238,16 +277,6 @@ void zeroOutside(float* output, const Layout& layout, const Region& target) {
   });
 }
 
-// A fresh buffer costs a page fault per 4 KiB when first written, more than a whole pass at a
-// small sigma, so an output that already has the input's box as FLOAT keeps its own buffer.
-void prepareOutput(const ImageObject& input, ImageObject& output) {
-  const bool reusable = output.getManageItsBuffer() && output.getBuffer() != nullptr &&
-                        output.getPointType() == PixelType::FLOAT &&
-                        output.getBufferedRegion() == input.getBufferedRegion();
-  if (!reusable) output.Allocate(PixelType::FLOAT, input.getBufferedRegion());
-  detail::copyGeometry(input, output);
-}
-
 }  // namespace
 
 GaussianSmoothing::GaussianSmoothing() {
@@ -255,6 +284,7 @@ GaussianSmoothing::GaussianSmoothing() {
   addInput("ImageObject");
   addOutput("ImageObject");
   addParameter(new Parameter("sigma", "1"));
+  addParameter(detail::threadsParameter());
 }
 
 void GaussianSmoothing::generateData() {
@@ -262,8 +292,9 @@ void GaussianSmoothing::generateData() {
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const Layout layout = layoutOf(*input);
   const std::vector<double> sigmas = sigmaPerAxis(*this, layout.size.size());
+  const unsigned threads = detail::threadsFor(*this);
   const Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
-  prepareOutput(*input, *output);
+  detail::shapeLike(*input, PixelType::FLOAT, *output);
   float* pixels = static_cast<float*>(output->getBuffer());
   if (target.empty()) {
     std::fill_n(pixels, output->getPixelNumber(), 0.0f);
@@ -271,9 +302,9 @@ void GaussianSmoothing::generateData() {
   }
   const std::vector<Pass> passes = plan(sigmas, layout, target);
   if (passes.empty()) {
-    copyTarget(*input, layout, target, pixels);
+    copyTarget(threads, *input, layout, target, pixels);
   } else {
-    smooth(*input, layout, passes, pixels);
+    smooth(threads, *input, layout, passes, pixels);
   }
   if (target.size != layout.size) zeroOutside(pixels, layout, target);
 }

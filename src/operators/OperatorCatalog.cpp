@@ -2,6 +2,8 @@
 
 #include <boost/make_shared.hpp>
 
+#include "vorn/Parameter.hpp"
+
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
 #include "vorn/operators/GaussianSmoothing.hpp"
@@ -68,10 +70,32 @@ std::vector<OperatorInfo> buildCatalog() {
   };
 }
 
+bool declaresThreads(const OperatorInfo& info) {
+  // Kept, never destroyed: an operator's destructor writes a line on std::cout.
+  static auto* probes = new std::vector<boost::shared_ptr<ProcessObject>>();
+  probes->push_back(info.create());
+  for (const Parameter* parameter : probes->back()->getParameters()) {
+    if (parameter->getIDName() == "threads") return true;
+  }
+  return false;
+}
+
+// Every operator that splits its pixel work declares `threads`; the entries need not repeat it.
+std::vector<OperatorInfo> withThreads(std::vector<OperatorInfo> catalog) {
+  for (OperatorInfo& info : catalog) {
+    if (declaresThreads(info)) {
+      info.parameters.push_back(
+          {"threads", "",
+           "threads for its pixel work (empty: the library's count, 0: every core)"});
+    }
+  }
+  return catalog;
+}
+
 }  // namespace
 
 const std::vector<OperatorInfo>& operatorCatalog() {
-  static const std::vector<OperatorInfo> catalog = buildCatalog();
+  static const std::vector<OperatorInfo> catalog = withThreads(buildCatalog());
   return catalog;
 }
 

@@ -57,7 +57,7 @@ unsigned int threadsFor(ProcessObject& op) {
   if (result.ec != std::errc() || result.ptr != last || count > 1024) {
     throwBadParameter(op, "threads", value, "expected a count from 0 to 1024 (0: every core)");
   }
-  return count > 0 ? count : threadCount();
+  return count > 0 ? count : usableCores();
 }
 
 }  // namespace detail
@@ -132,6 +132,8 @@ void parallelFor(unsigned int threads, std::size_t count, std::size_t grain,
                  const std::function<void(std::size_t, std::size_t)>& body) {
   if (grain == 0) grain = 1;
   const std::size_t chunks = count / grain + (count % grain != 0);
+  // More threads than cores would only take turns on them.
+  if (chunks > 1 && threads > 1) threads = std::min(threads, usableCores());
   if (chunks <= 1 || threads <= 1) {
     for (std::size_t begin = 0; begin < count; begin += grain) {
       body(begin, std::min(count, begin + grain));
