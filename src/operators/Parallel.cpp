@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <exception>
 #include <map>
 #include <memory>
@@ -29,7 +30,7 @@ namespace {
 
 std::atomic<unsigned int> requestedThreads{0};
 
-unsigned int usableCores() {
+unsigned int coresInAffinity() {
   cpu_set_t set;
   if (sched_getaffinity(0, sizeof set, &set) == 0) {
     const int count = CPU_COUNT(&set);
@@ -37,6 +38,24 @@ unsigned int usableCores() {
   }
   const unsigned int hardware = std::thread::hardware_concurrency();
   return hardware > 0 ? hardware : 1;
+}
+
+// The affinity is read again at most every 100 ms: the call costs microseconds on some systems,
+// as much as a small image's whole computation.
+unsigned int usableCores() {
+  using Clock = std::chrono::steady_clock;
+  static std::atomic<unsigned int> cores{0};
+  static std::atomic<Clock::rep> readAt{0};
+  const Clock::rep now = Clock::now().time_since_epoch().count();
+  const Clock::rep period =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::milliseconds(100)).count();
+  unsigned int count = cores.load(std::memory_order_relaxed);
+  if (count == 0 || now - readAt.load(std::memory_order_relaxed) > period) {
+    count = coresInAffinity();
+    cores.store(count, std::memory_order_relaxed);
+    readAt.store(now, std::memory_order_relaxed);
+  }
+  return count;
 }
 
 }  // namespace
