@@ -12,7 +12,7 @@ if [[ ! -f "$build/CMakeCache.txt" ]]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 fi
 programs=(vorn_update_benchmark vorn_restrict_benchmark vorn_image_benchmark
-  vorn_operators_benchmark)
+  vorn_operators_benchmark vorn_threads_benchmark)
 cmake --build "$build" -j "$(nproc)" --target "${programs[@]}" vorn_peak_memory vorn-run
 cmake --build "$build" -j "$(nproc)" --target vorn_python_package 2>/dev/null || true
 

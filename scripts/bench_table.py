@@ -103,6 +103,25 @@ def operator_rows(m):
     return rows
 
 
+THREAD_SHAPES = (("256cubed_float", "256³ float"), ("4096squared_uchar", "4096² uchar"),
+                 ("64squared_float", "64² float"))
+
+
+def thread_rows(m):
+    """Each operator at every core against one thread, from the same run."""
+    rows = []
+    for op in ("gaussian", "cast", "threshold", "mask", "stats"):
+        for shape, label in THREAD_SHAPES:
+            one = m[f"BM_Threads/{op}/{shape}/1/real_time"]["s/pixel"] * 1e9
+            every = m[f"BM_Threads/{op}/{shape}/0/real_time"]["s/pixel"] * 1e9
+            small = shape.startswith("64")
+            rows.append((f"{op}, {label}, every core: per pixel", f"{every:.3f} ns",
+                         f"one thread {one:.3f} ns", one / every,
+                         "≤ 1.1× one thread's time" if small else "report speedup",
+                         every <= 1.1 * one if small else None))
+    return rows
+
+
 def image_rows(m, memory):
     rows = []
     for name in ("BM_ToVornImage", "BM_FromVornImage"):
@@ -161,13 +180,14 @@ def main():
         "Written by `scripts/bench.sh` from one run of the benchmarks under `bench/` (medians of "
         "5 repetitions; every baseline is measured in the same run, in the same binary, and "
         "where two figures are compared within one benchmark, in alternating order in the same "
-        "iterations). Single thread.",
+        "iterations). Single thread, except the Threads section.",
         "",
         f"Machine: {machine()}.",
         "",
         "## Update engine", "", *table(engine_rows(m)), "",
         "## Restricting to a mask", "", *table(mask_rows(m)), "",
         "## Operators", "", *table(operator_rows(m)), "",
+        "## Threads (ratio: speedup over one thread)", "", *table(thread_rows(m)), "",
         "## Images and memory", "", *table(image_rows(m, memory)), "",
         "## Files", "", *table(file_rows(m)), "",
     ]

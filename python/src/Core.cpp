@@ -22,10 +22,10 @@ namespace vorn::python {
 namespace {
 
 // The exception a Python computation raised, kept from the engine's catch to the end of the
-// update, where it becomes the cause of the UpdateError. Never destroyed: it may outlive the
-// interpreter.
+// update, where it becomes the cause of the UpdateError. One per thread, as updates of other
+// pipelines may run on other threads meanwhile; never destroyed: it may outlive the interpreter.
 py::object& pendingCause() {
-  static auto* cause = new py::object();
+  static thread_local auto* cause = new py::object();
   return *cause;
 }
 
@@ -34,11 +34,13 @@ py::object& updateErrorType() {
   return *type;
 }
 
-// generateData() written in Python. Its exception leaves as a C++ one carrying the message, as
-// the engine expects, and is kept for update() to chain.
+// generateData() written in Python, run with the interpreter's lock that update() let go of.
+// Its exception leaves as a C++ one carrying the message, as the engine expects, and is kept for
+// update() to chain.
 class PyProcessObject : public ProcessObject {
  public:
   void generateData() override {
+    const py::gil_scoped_acquire gil;
     try {
       PYBIND11_OVERRIDE_PURE(void, ProcessObject, generateData);
     } catch (py::error_already_set& error) {
@@ -169,7 +171,8 @@ void bindStateAccess(Class& cls) {
 void bindProcessObject(py::module_& m) {
   py::class_<ProcessObject, PyProcessObject, boost::shared_ptr<ProcessObject>> cls(
       m, "ProcessObject", py::dynamic_attr());
-  cls.def(py::init<>()).def("generateData", &ProcessObject::generateData);
+  cls.def(py::init<>())
+      .def("generateData", &ProcessObject::generateData, py::call_guard<py::gil_scoped_release>());
   bindPortAccess(cls);
   bindObserverAccess(cls);
   bindStateAccess(cls);
@@ -244,6 +247,9 @@ void release(py::handle owner, py::handle kept, const char* role) {
 void translateUpdate(const std::function<void()>& call) {
   pendingCause() = py::object();
   try {
+    // C++ operators compute without the interpreter's lock, so other Python threads run
+    // meanwhile; Python operators and observers take it back while they run.
+    const py::gil_scoped_release released;
     call();
   } catch (const std::ios_base::failure& failure) {
     py::object error = updateErrorType()(failure.what());

@@ -127,12 +127,16 @@ std::string graphviz(const std::vector<ProcessObject*>& roots) {
   return dot.str();
 }
 
-// What the statistics operators of the pipeline reported, one line each.
+// What the statistics operators of the pipeline reported, one line each. Runs without the
+// interpreter's lock, as update() does.
 std::string runText(const std::string& text) {
   const std::unique_ptr<TextPipeline> pipeline = TextPipeline::build(text);
   std::ostringstream report;
   pipeline->setReportStream(&report);
-  pipeline->run();
+  {
+    const py::gil_scoped_release released;
+    pipeline->run();
+  }
   return report.str();
 }
 
@@ -168,6 +172,30 @@ class OutputCapture {
   std::ostringstream m_text;
   std::streambuf* m_previous = nullptr;
 };
+
+// A whole number from 0 to 1024: a float, a string or a bool is a TypeError, anything out of
+// range a ValueError.
+unsigned int threadCountOf(const py::handle& count) {
+  if (!PyLong_Check(count.ptr()) || PyBool_Check(count.ptr())) {
+    throw py::type_error("set_threads: expected an int thread count, got " +
+                         std::string(py::str(py::type::of(count).attr("__name__"))));
+  }
+  const long long value = PyLong_AsLongLong(count.ptr());
+  if (value == -1 && PyErr_Occurred()) PyErr_Clear();
+  if (value < 0 || value > 1024) {
+    throw py::value_error("set_threads: thread count " + std::string(py::str(count)) +
+                          " is not from 0 to 1024 (0: every core)");
+  }
+  return static_cast<unsigned int>(value);
+}
+
+void bindThreads(py::module_& m) {
+  m.def(
+      "set_threads", [](const py::object& count) { setThreadCount(threadCountOf(count)); },
+      py::arg("count"),
+      "Threads the operators split their pixel work across; 0 means every usable core.");
+  m.def("thread_count", &threadCount, "The thread count in force, 0 resolved to the cores.");
+}
 
 void bindCapture(py::module_& m) {
   py::class_<OutputCapture>(m, "OutputCapture")
@@ -227,6 +255,7 @@ void bindOperators(py::module_& m) {
   bindOperatorClasses(m);
   bindFiles(m);
   bindText(m);
+  bindThreads(m);
   bindCapture(m);
 }
 

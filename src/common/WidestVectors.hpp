@@ -4,7 +4,9 @@
 // contracted in ISO C++ mode, so every copy computes the same bits.
 #pragma once
 
-#if defined(__x86_64__) && defined(__has_attribute)
+// ThreadSanitizer's runtime is not up yet when the loader calls the clones' resolvers, which
+// then crash: its builds keep the baseline only.
+#if defined(__x86_64__) && defined(__has_attribute) && !defined(__SANITIZE_THREAD__)
 #if __has_attribute(target_clones)
 #define VORN_WIDEST_VECTORS [[gnu::target_clones("arch=x86-64-v4", "avx2", "default")]]
 #endif

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "OperatorSupport.hpp"
+#include "Parallel.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -44,6 +45,7 @@ BinaryThreshold::BinaryThreshold() {
   addParameter(new Parameter("upper", ""));
   addParameter(new Parameter("inside", "1"));
   addParameter(new Parameter("outside", "0"));
+  addParameter(detail::threadsParameter());
 }
 
 void BinaryThreshold::generateData() {
@@ -51,6 +53,7 @@ void BinaryThreshold::generateData() {
   const std::optional<double> upper = detail::optionalNumberParameter(*this, "upper");
   const unsigned char inside = byteParameter(*this, "inside");
   const unsigned char outside = byteParameter(*this, "outside");
+  const unsigned int threads = detail::threadsFor(*this);
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const unsigned long count = input->getPixelNumber();
@@ -63,9 +66,13 @@ void BinaryThreshold::generateData() {
                                                                 : std::numeric_limits<T>::max();
     output->Allocate(PixelType::UCHAR, input->getBufferedRegion());
     detail::copyGeometry(*input, *output);
-    threshold(static_cast<const T*>(static_cast<const ImageObject&>(*input).getBuffer()),
-              static_cast<unsigned char*>(output->getBuffer()), count, lower.value_or(lowest),
-              upper.value_or(highest), inside, outside);
+    const T* in = static_cast<const T*>(static_cast<const ImageObject&>(*input).getBuffer());
+    auto* out = static_cast<unsigned char*>(output->getBuffer());
+    detail::parallelFor(threads, count, detail::kGrainPixels,
+                        [&](std::size_t begin, std::size_t end) {
+                          threshold(in + begin, out + begin, end - begin, lower.value_or(lowest),
+                                    upper.value_or(highest), inside, outside);
+                        });
   });
 }
 

@@ -1,6 +1,7 @@
 #include "vorn/operators/CastOperator.hpp"
 
 #include "OperatorSupport.hpp"
+#include "Parallel.hpp"
 #include "PixelConversion.hpp"
 #include "vorn/Parameter.hpp"
 
@@ -19,10 +20,12 @@ CastOperator::CastOperator() {
   addInput("ImageObject");
   addOutput("ImageObject");
   addParameter(new Parameter("type", "float"));
+  addParameter(detail::threadsParameter());
 }
 
 void CastOperator::generateData() {
   const PixelType::Type type = detail::pixelTypeParameter(*this, "type");
+  const unsigned int threads = detail::threadsFor(*this);
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   output->Allocate(type, input->getBufferedRegion());
@@ -34,7 +37,11 @@ void CastOperator::generateData() {
     using From = typename decltype(from)::type;
     detail::dispatchPixelType(type, [&](auto to) {
       using To = typename decltype(to)::type;
-      convertAll(static_cast<const From*>(in), static_cast<To*>(out), count);
+      detail::parallelFor(threads, count, detail::kGrainPixels,
+                          [&](std::size_t begin, std::size_t end) {
+                            convertAll(static_cast<const From*>(in) + begin,
+                                       static_cast<To*>(out) + begin, end - begin);
+                          });
     });
   });
 }

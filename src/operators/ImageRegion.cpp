@@ -23,6 +23,10 @@ Layout layoutOf(const ImageObject& image) {
   return layout;
 }
 
+long pixelsOf(const Region& region) {
+  return region.empty() ? 0 : Layout{region.size, {}}.pixels();
+}
+
 Region wholeRegion(const Layout& image) {
   return Region{std::vector<long>(image.size.size(), 0), image.size};
 }

@@ -30,6 +30,8 @@ struct Region {
 };
 
 Layout layoutOf(const ImageObject& image);
+// The number of pixels in `region` (0 when it is empty).
+long pixelsOf(const Region& region);
 // The whole image.
 Region wholeRegion(const Layout& image);
 

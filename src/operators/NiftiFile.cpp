@@ -14,7 +14,9 @@
 #include <vector>
 
 #include "ImageFileCodecs.hpp"
+#include "Parallel.hpp"
 #include "vorn/operators/ImageFile.hpp"
+#include "vorn/operators/Threads.hpp"
 
 namespace vorn {
 namespace detail {
@@ -223,13 +225,17 @@ float toFloat(double value) {
   return static_cast<float>(value);
 }
 
+// On the library's thread count: a reader has no parameter of its own for it.
 template <class T>
 void convertVoxels(const unsigned char* raw, const Layout& layout, float* out) {
-  for (std::uint64_t k = 0; k < layout.voxels; ++k) {
-    T value;
-    std::memcpy(&value, raw + k * sizeof(T), sizeof(T));
-    out[k] = toFloat(static_cast<double>(value) * layout.slope + layout.intercept);
-  }
+  detail::parallelFor(
+      threadCount(), layout.voxels, detail::kGrainPixels, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t k = begin; k < end; ++k) {
+          T value;
+          std::memcpy(&value, raw + k * sizeof(T), sizeof(T));
+          out[k] = toFloat(static_cast<double>(value) * layout.slope + layout.intercept);
+        }
+      });
 }
 
 void loadVoxels(znzFile file, const Layout& layout, const std::string& path, ImageObject& image) {

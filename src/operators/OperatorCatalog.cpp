@@ -3,6 +3,7 @@
 #include <boost/make_shared.hpp>
 
 #include "ImageFileCodecs.hpp"
+#include "vorn/Parameter.hpp"
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
 #include "vorn/operators/Components.hpp"
@@ -34,16 +35,13 @@ boost::shared_ptr<ProcessObject> make() {
 
 boost::shared_ptr<ProcessObject> makeMathOfTwo() { return boost::make_shared<MathOperator>(2); }
 
-const OperatorParameterInfo kThreads{"threads", "", "threads to use (empty or 0: every core)"};
 const char* const kMathOps = "add, sub, mul, div, min, max; abs, sqrt, log, exp, neg (math)";
 const OperatorParameterInfo kOutputType{"type", "float",
                                         "output pixel type: uchar, short or float"};
-const char* const kThreadsHelp = "worker threads (empty: every core, or setThreadCount)";
 
 std::vector<OperatorParameterInfo> footprint() {
   return {{"radius", "1", "in pixels: one value for every axis, or one per axis (3,3,1)"},
-          {"shape", "ball", "ball (pixels within the radius) or box (2 radius + 1 per axis)"},
-          {"threads", "", kThreadsHelp}};
+          {"shape", "ball", "ball (pixels within the radius) or box (2 radius + 1 per axis)"}};
 }
 
 std::vector<OperatorInfo> buildCatalog() {
@@ -68,8 +66,7 @@ std::vector<OperatorInfo> buildCatalog() {
        &make<CastOperator>},
       {"gaussian",
        "Gaussian smoothing into a float image.",
-       {{"sigma", "1", "in pixels: one value for every axis, or one per axis (2,1,0.5)"},
-        {"threads", "", kThreadsHelp}},
+       {{"sigma", "1", "in pixels: one value for every axis, or one per axis (2,1,0.5)"}},
        1,
        1,
        &make<GaussianSmoothing>},
@@ -99,17 +96,13 @@ std::vector<OperatorInfo> buildCatalog() {
        "Pixel-wise arithmetic of one image: with value= (add, sub, ...) or alone (abs, sqrt, ...).",
        {{"op", "add", kMathOps},
         {"value", "", "the number for add, sub, mul, div, min, max"},
-        kOutputType,
-        kThreads},
+        kOutputType},
        1,
        1,
        &make<MathOperator>},
       {"math2",
        "Pixel-wise arithmetic of two images of the same size: input 0 op input 1.",
-       {{"op", "add", "add, sub, mul, div, min or max"},
-        {"value", "", "not used"},
-        kOutputType,
-        kThreads},
+       {{"op", "add", "add, sub, mul, div, min or max"}, {"value", "", "not used"}, kOutputType},
        2,
        1,
        &makeMathOfTwo},
@@ -119,22 +112,20 @@ std::vector<OperatorInfo> buildCatalog() {
         {"in_max", "", "empty: the image's maximum"},
         {"out_min", "0", "value in_min maps to"},
         {"out_max", "1", "value in_max maps to"},
-        kOutputType,
-        kThreads},
+        kOutputType},
        1,
        1,
        &make<RescaleIntensity>},
       {"otsu",
        "A uchar 0/1 mask of the pixels above Otsu's threshold (256 bins over the range).",
-       {kThreads},
+       {},
        1,
        1,
        &make<OtsuThreshold>},
       {"crop",
        "The box start=, size= of the image; the origin follows.",
        {{"start", "0", "first pixel per axis (one value for all)"},
-        {"size", "", "pixels per axis (empty: to the end)"},
-        kThreads},
+        {"size", "", "pixels per axis (empty: to the end)"}},
        1,
        1,
        &make<CropOperator>},
@@ -143,20 +134,19 @@ std::vector<OperatorInfo> buildCatalog() {
        {{"before", "0", "pixels added at the start of each axis"},
         {"after", "0", "pixels added at the end of each axis"},
         {"mode", "constant", "constant, edge or reflect (numpy's reflect)"},
-        {"value", "0", "the constant"},
-        kThreads},
+        {"value", "0", "the constant"}},
        1,
        1,
        &make<PadOperator>},
       {"flip",
        "Reverses the pixels along axes= (empty: every axis).",
-       {{"axes", "", "axes to reverse, e.g. 0,2"}, kThreads},
+       {{"axes", "", "axes to reverse, e.g. 0,2"}},
        1,
        1,
        &make<FlipOperator>},
       {"permute",
        "Reorders the axes: output axis k is input axis order[k].",
-       {{"order", "", "a permutation, e.g. 2,0,1 (empty: reversed)"}, kThreads},
+       {{"order", "", "a permutation, e.g. 2,0,1 (empty: reversed)"}},
        1,
        1,
        &make<PermuteAxes>},
@@ -164,36 +154,32 @@ std::vector<OperatorInfo> buildCatalog() {
        "The image on a new grid of the same extent (spacing= or size=), interpolated.",
        {{"spacing", "", "new spacing per axis (one value for all)"},
         {"size", "", "new pixels per axis (instead of spacing)"},
-        {"order", "1", "0 nearest, 1 linear, 3 cubic B-spline"},
-        kThreads},
+        {"order", "1", "0 nearest, 1 linear, 3 cubic B-spline"}},
        1,
        1,
        &make<ResampleOperator>},
       {"labelstats",
        "Passes input 0 through and prints stats and the box of each label of input 1.",
-       {kThreads},
+       {},
        2,
        1,
        &make<LabelStatistics>},
       // Filters and morphology.
       {"median",
        "Median over a box, into an image of the input's type.",
-       {{"size", "3", "odd, in pixels: one value for every axis, or one per axis (5,5,3)"},
-        {"threads", "", kThreadsHelp}},
+       {{"size", "3", "odd, in pixels: one value for every axis, or one per axis (5,5,3)"}},
        1,
        1,
        &make<MedianFilter>},
       {"gradient",
        "Gaussian gradient magnitude into a float image.",
-       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"},
-        {"threads", "", kThreadsHelp}},
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},
        1,
        1,
        &make<GradientMagnitude>},
       {"laplace",
        "Laplacian of Gaussian into a float image.",
-       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"},
-        {"threads", "", kThreadsHelp}},
+       {{"sigma", "1", "in pixels, above 0: one value for every axis, or one per axis"}},
        1,
        1,
        &make<LaplacianOfGaussian>},
@@ -204,38 +190,58 @@ std::vector<OperatorInfo> buildCatalog() {
       {"close", "Grey closing: the erosion of the dilation.", footprint(), 1, 1, &make<Closing>},
       {"label",
        "Numbers the connected components of the non-zero pixels, into a float image.",
-       {{"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"},
-        {"threads", "", kThreadsHelp}},
+       {{"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"}},
        1,
        1,
        &make<ConnectedComponents>},
       {"largest",
        "Keeps the largest connected components, as a uchar mask of 0 and 1.",
        {{"count", "1", "how many components to keep"},
-        {"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"},
-        {"threads", "", kThreadsHelp}},
+        {"connectivity", "face", "face (2N neighbours) or full (3^N - 1)"}},
        1,
        1,
        &make<LargestComponents>},
       {"fill",
        "Fills the holes of a mask, as a uchar mask of 0 and 1.",
-       {{"threads", "", kThreadsHelp}},
+       {},
        1,
        1,
        &make<FillHoles>},
       {"distance",
        "Euclidean distance of each non-zero pixel to the nearest zero, in spacing units (float).",
-       {{"threads", "", kThreadsHelp}},
+       {},
        1,
        1,
        &make<DistanceMap>},
   };
 }
 
+bool declaresThreads(const OperatorInfo& info) {
+  // Kept, never destroyed: an operator's destructor writes a line on std::cout.
+  static auto* probes = new std::vector<boost::shared_ptr<ProcessObject>>();
+  probes->push_back(info.create());
+  for (const Parameter* parameter : probes->back()->getParameters()) {
+    if (parameter->getIDName() == "threads") return true;
+  }
+  return false;
+}
+
+// Every operator that splits its pixel work declares `threads`; the entries need not repeat it.
+std::vector<OperatorInfo> withThreads(std::vector<OperatorInfo> catalog) {
+  for (OperatorInfo& info : catalog) {
+    if (declaresThreads(info)) {
+      info.parameters.push_back(
+          {"threads", "",
+           "threads for its pixel work (empty: the library's count, 0: every core)"});
+    }
+  }
+  return catalog;
+}
+
 }  // namespace
 
 const std::vector<OperatorInfo>& operatorCatalog() {
-  static const std::vector<OperatorInfo> catalog = buildCatalog();
+  static const std::vector<OperatorInfo> catalog = withThreads(buildCatalog());
   return catalog;
 }
 

@@ -37,6 +37,14 @@ void copyGeometry(const ImageObject& from, ImageObject& to) {
   }
 }
 
+void shapeLike(const ImageObject& input, PixelType::Type type, ImageObject& output) {
+  const bool reusable = output.getManageItsBuffer() && output.getBuffer() != nullptr &&
+                        output.getPointType() == type &&
+                        output.getBufferedRegion() == input.getBufferedRegion();
+  if (!reusable) output.Allocate(type, input.getBufferedRegion());
+  copyGeometry(input, output);
+}
+
 void throwBadParameter(const ProcessObject& op, const std::string& name, const std::string& value,
                        const std::string& why) {
   throw std::invalid_argument(op.getName() + ": parameter '" + name + "' has invalid value '" +

@@ -27,6 +27,10 @@ ImagePtr inputImage(ProcessObject& op, unsigned int index);
 ImagePtr outputImage(ProcessObject& op, unsigned int index);
 // Spacing and origin of every axis `to` shares with `from`.
 void copyGeometry(const ImageObject& from, ImageObject& to);
+// Gives `output` the box and geometry of `input` and pixels of `type`, left uninitialised. A
+// fresh buffer costs a page fault per 4 KiB when first written, about what a whole pass over
+// it costs, so an output that already has that box and type keeps its own buffer.
+void shapeLike(const ImageObject& input, PixelType::Type type, ImageObject& output);
 
 // "<operator>: parameter '<name>' has invalid value '<value>': <why>".
 [[noreturn]] void throwBadParameter(const ProcessObject& op, const std::string& name,

@@ -16,7 +16,9 @@
 #include <vector>
 
 #include "ImageFileCodecs.hpp"
+#include "Parallel.hpp"
 #include "vorn/operators/ImageFile.hpp"
+#include "vorn/operators/Threads.hpp"
 
 namespace vorn {
 namespace detail {
@@ -229,14 +231,19 @@ std::uint32_t grayValue(const png_byte* row, png_uint_32 x, const PngShape& shap
               sample(row, 3 * x + 2, shape.bitDepth));
 }
 
+// Rows on the library's thread count: a reader has no parameter of its own for it.
 template <class T>
 void convertRows(const std::vector<png_byte>& decoded, const PngShape& shape, T* out) {
-  for (png_uint_32 y = 0; y < shape.height; ++y) {
-    const png_byte* row = decoded.data() + y * shape.rowBytes;
-    for (png_uint_32 x = 0; x < shape.width; ++x) {
-      *out++ = static_cast<T>(grayValue(row, x, shape));
-    }
-  }
+  detail::parallelFor(threadCount(), shape.height, detail::grainFor(shape.width),
+                      [&](std::size_t begin, std::size_t end) {
+                        for (std::size_t y = begin; y < end; ++y) {
+                          const png_byte* row = decoded.data() + y * shape.rowBytes;
+                          T* line = out + y * shape.width;
+                          for (png_uint_32 x = 0; x < shape.width; ++x) {
+                            line[x] = static_cast<T>(grayValue(row, x, shape));
+                          }
+                        }
+                      });
 }
 
 std::vector<png_bytep> rowPointers(png_bytep first, const PngShape& shape) {

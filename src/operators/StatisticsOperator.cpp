@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "OperatorSupport.hpp"
+#include "Parallel.hpp"
 
 namespace vorn {
 namespace {
@@ -80,9 +81,26 @@ void addRange(const T* pixels, unsigned long count, ImageStatistics& s, Compensa
   }
 }
 
+// What a run of pixels adds up to; runs combine in a fixed order.
+struct Partial {
+  ImageStatistics s;
+  CompensatedSum sum;
+  Partial() {
+    s.min = std::numeric_limits<double>::infinity();
+    s.max = -s.min;
+  }
+  static Partial combine(Partial a, const Partial& b) {
+    a.s.count += b.s.count;
+    a.s.min = std::min(a.s.min, b.s.min);
+    a.s.max = std::max(a.s.max, b.s.max);
+    a.sum.add(b.sum);
+    return a;
+  }
+};
+
 // The sum of squared deviations from `mean`, NaNs left out, in lanes as above.
 template <class T>
-double squaredDeviations(const T* pixels, unsigned long count, double mean) {
+CompensatedSum squaredDeviations(const T* pixels, unsigned long count, double mean) {
   CompensatedSum lanes[kLanes];
   const unsigned long whole = count - count % kLanes;
   for (unsigned long k = 0; k < whole; k += kLanes) {
@@ -97,19 +115,26 @@ double squaredDeviations(const T* pixels, unsigned long count, double mean) {
     const double deviation = pixels[k] - mean;
     if (!std::isnan(deviation)) total.add(deviation * deviation);
   }
-  return total.value();
+  return total;
 }
 
 // Two passes: the mean first, then the squared deviations from it, which does not lose the
-// variance to cancellation the way sum(x^2) - n * mean^2 does.
+// variance to cancellation the way sum(x^2) - n * mean^2 does. Each pass cuts the pixels into
+// the same chunks whatever the thread count and adds the chunks' sums up in order, so every
+// count gives the same bits. The first pass also copies each chunk to the output.
 template <class T>
-ImageStatistics statisticsOf(const T* pixels, unsigned long count) {
-  ImageStatistics s;
-  s.min = std::numeric_limits<double>::infinity();
-  s.max = -s.min;
-  CompensatedSum sum;
-  addRange(pixels, count, s, sum);
-  s.sum = sum.value();
+ImageStatistics statisticsOf(unsigned int threads, const T* pixels, unsigned long count, T* copy) {
+  const Partial whole = detail::parallelReduce(
+      threads, count, detail::kGrainPixels, Partial(),
+      [&](std::size_t begin, std::size_t end) {
+        std::copy(pixels + begin, pixels + end, copy + begin);
+        Partial part;
+        addRange(pixels + begin, end - begin, part.s, part.sum);
+        return part;
+      },
+      &Partial::combine);
+  ImageStatistics s = whole.s;
+  s.sum = whole.sum.value();
   if (s.count == 0) {
     s.min = s.max = s.mean = s.stddev = std::numeric_limits<double>::quiet_NaN();
     return s;
@@ -119,7 +144,16 @@ ImageStatistics statisticsOf(const T* pixels, unsigned long count) {
     s.stddev = std::numeric_limits<double>::quiet_NaN();
     return s;
   }
-  s.stddev = std::sqrt(squaredDeviations(pixels, count, s.mean) / static_cast<double>(s.count));
+  const CompensatedSum squares = detail::parallelReduce(
+      threads, count, detail::kGrainPixels, CompensatedSum(),
+      [&](std::size_t begin, std::size_t end) {
+        return squaredDeviations(pixels + begin, end - begin, s.mean);
+      },
+      [](CompensatedSum a, const CompensatedSum& b) {
+        a.add(b);
+        return a;
+      });
+  s.stddev = std::sqrt(squares.value() / static_cast<double>(s.count));
   return s;
 }
 
@@ -129,6 +163,7 @@ StatisticsOperator::StatisticsOperator() : m_stream(&std::cout) {
   setName("StatisticsOperator");
   addInput("ImageObject");
   addOutput("ImageObject");
+  addParameter(detail::threadsParameter());
 }
 
 void StatisticsOperator::setStream(std::ostream* stream) { m_stream = stream; }
@@ -138,12 +173,14 @@ const ImageStatistics& StatisticsOperator::getStatistics() const { return m_stat
 void StatisticsOperator::generateData() {
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
+  const unsigned int threads = detail::threadsFor(*this);
   const ImageObject& image = *input;
   const ImageStatistics statistics = detail::dispatchPixelType(image.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
-    return statisticsOf(static_cast<const T*>(image.getBuffer()), image.getPixelNumber());
+    detail::shapeLike(image, image.getPointType(), *output);
+    return statisticsOf(threads, static_cast<const T*>(image.getBuffer()), image.getPixelNumber(),
+                        static_cast<T*>(output->getBuffer()));
   });
-  output->import(input.get(), this);
   m_statistics = statistics;
   if (m_stream == nullptr) return;
   std::ostream& os = *m_stream;

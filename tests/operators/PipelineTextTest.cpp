@@ -94,7 +94,7 @@ const std::vector<std::pair<std::string, std::string>> kMalformed = {
     {" \t\n ", "empty pipeline"},
     {"read file=a ! blur", "stage 2: unknown operator 'blur'"},
     {"read file=a ! gaussian sigm=2", "stage 2 (gaussian): unknown parameter 'sigm'"},
-    {"read file=a ! mask level=2", "unknown parameter 'level' (it takes none)"},
+    {"read file=a ! mask level=2", "unknown parameter 'level' (it takes threads)"},
     {"read file=a ! gaussian sigma=1 sigma=2", "stage 2 (gaussian): 'sigma' given twice"},
     {"read file=a as=x as=y", "'as' given twice"},
     {"read file=a ! mask ! write file=o", "stage 2 (mask): input 1 is not fed"},

@@ -31,6 +31,22 @@ file(STRINGS "${version_files}" version REGEX "set\\(PACKAGE_VERSION \"[0-9]")
 string(REGEX REPLACE ".*\"(.*)\".*" "\\1" version "${version}")
 expect_version("the CMake package" "${version}")
 
+# The worker pool is linked privately: the runtime package needs oneTBB's library, and no
+# installed header may ask a client for oneTBB's headers.
+file(GLOB runtime_deb ${WORK_DIR}/debs/libvorn[0-9]*.deb)
+execute_process(COMMAND dpkg-deb --field ${runtime_deb} Depends OUTPUT_VARIABLE depends
+  COMMAND_ERROR_IS_FATAL ANY)
+if(NOT depends MATCHES "libtbb")
+  message(FATAL_ERROR "the runtime package does not depend on oneTBB: ${depends}")
+endif()
+file(GLOB_RECURSE headers ${root}/usr/include/vorn/*.hpp)
+foreach(header ${headers})
+  file(STRINGS ${header} tbb_lines REGEX "include.*tbb")
+  if(tbb_lines)
+    message(FATAL_ERROR "${header} includes oneTBB: ${tbb_lines}")
+  endif()
+endforeach()
+
 run_step(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${WORK_DIR}/cmake-consumer
   -DCMAKE_PREFIX_PATH=${root}/usr -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
 run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)

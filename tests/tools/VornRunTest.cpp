@@ -99,14 +99,14 @@ TEST_F(VornRun, MasksTheSourceWhereTheSmoothedImageIsBright) {
 TEST_F(VornRun, QuietSilencesProgressButNotStatisticsAndDotDrawsTheGraph) {
   const std::string text = "read file=" + in + " as=src ! stats ! threshold lower=100 as=m ; " +
                            "@src ! mask in1=m" + write;
-  ASSERT_EQ(run({"-q", "--dot", folder.file("g.dot"), text}), 0) << err.str();
+  ASSERT_EQ(run({"-q", "-j", "3", "--dot", folder.file("g.dot"), text}), 0) << err.str();
   EXPECT_EQ(progress.take(), "");
   EXPECT_NE(out.str().find("stats: count=384 "), std::string::npos) << out.str();
   EXPECT_NE(out.str().find("vorn-run: done in "), std::string::npos) << out.str();
   const std::string dot = readText(folder.file("g.dot"));
   EXPECT_EQ(dot.rfind("digraph vorn {\n", 0), 0u) << dot;
   EXPECT_NE(dot.find("op0 [label=\"write\\nfile="), std::string::npos) << dot;
-  EXPECT_NE(dot.find("[label=\"m\\nlower=100\\nupper=\\ninside=1\\noutside=0\"]"),
+  EXPECT_NE(dot.find("[label=\"m\\nlower=100\\nupper=\\ninside=1\\noutside=0\\nthreads=\"]"),
             std::string::npos)
       << dot;
   EXPECT_NE(dot.find(" -> op1 [label=\"1\"];"), std::string::npos) << "mask's input 1\n" << dot;
@@ -132,6 +132,9 @@ TEST_F(VornRun, MalformedPipelinesAndOptionsExitWith2BeforeAnythingRuns) {
       {{}, "empty pipeline"},
       {{"--verbose", "read file=" + in + write}, "unknown option '--verbose'"},
       {{"--dot"}, "--dot needs a file name"},
+      {{"-j", "-1", "read file=" + in + write}, "-j needs a thread count from 0 to 1024"},
+      {{"--threads", "2.5", "read file=" + in + write}, "--threads needs a thread count"},
+      {{"-j"}, "-j needs a thread count"},
   };
   for (const auto& [args, culprit] : cases) {
     SCOPED_TRACE(culprit);

@@ -11,6 +11,7 @@
 #include "vorn/operators/Graphviz.hpp"
 #include "vorn/operators/OperatorCatalog.hpp"
 #include "vorn/operators/PipelineText.hpp"
+#include "vorn/operators/Threads.hpp"
 
 namespace {
 
@@ -23,7 +24,35 @@ struct Options {
   bool help = false;
   bool version = false;
   std::string dotFile;
+  int threads = -1;  // -1: not given
   std::vector<std::string> pipeline;
+};
+
+// A thread count of at most 1024, digits only; -1 when `text` is not one.
+int threadCountOf(const std::string& text) {
+  if (text.empty() || text.size() > 4 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return -1;
+  }
+  const int count = std::stoi(text);
+  return count <= 1024 ? count : -1;
+}
+
+// While it lives, the library runs with the count of -j when one was given.
+class ThreadCountScope {
+ public:
+  explicit ThreadCountScope(int count) : m_previous(vorn::threadCount()), m_set(count >= 0) {
+    if (m_set) vorn::setThreadCount(static_cast<unsigned int>(count));
+  }
+  ~ThreadCountScope() {
+    if (m_set) vorn::setThreadCount(m_previous);
+  }
+  ThreadCountScope(const ThreadCountScope&) = delete;
+  ThreadCountScope& operator=(const ThreadCountScope&) = delete;
+
+ private:
+  unsigned int m_previous;
+  bool m_set;
 };
 
 class NullBuffer : public std::streambuf {
@@ -84,6 +113,9 @@ std::string parseOptions(const std::vector<std::string>& args, Options& options)
     } else if (arg == "--dot") {
       if (i + 1 == args.size() || args[i + 1].empty()) return "--dot needs a file name";
       options.dotFile = args[++i];
+    } else if (arg == "-j" || arg == "--threads") {
+      options.threads = i + 1 < args.size() ? threadCountOf(args[++i]) : -1;
+      if (options.threads < 0) return arg + " needs a thread count from 0 to 1024";
     } else if (arg.size() > 1 && arg[0] == '-') {
       return "unknown option '" + arg + "' (see vorn-run --help)";
     } else {
@@ -105,7 +137,7 @@ void printOperators(std::ostream& out) {
 }
 
 void printHelp(std::ostream& out) {
-  out << "Usage: vorn-run [-q] [--dot FILE] PIPELINE...\n"
+  out << "Usage: vorn-run [-q] [-j N] [--dot FILE] PIPELINE...\n"
          "       vorn-run --help | --version\n"
          "Runs an image-processing pipeline given as text (the arguments joined with blanks).\n"
          "\n"
@@ -120,6 +152,8 @@ void printHelp(std::ostream& out) {
          "\n"
          "Options:\n"
          "  -q, --quiet                 silence the library's progress lines\n"
+         "  -j, --threads N             threads for the operators' pixel work (0, the default: "
+         "every core)\n"
          "  --dot FILE                  write the pipeline graph (Graphviz DOT) to FILE\n"
          "  -h, --help                  this text\n"
          "  --version                   the version\n"
@@ -240,6 +274,7 @@ int runVornRun(const std::vector<std::string>& args, std::ostream& out, std::ost
     report << "vorn-run " << kVersion << std::endl;
     return kSuccess;
   }
+  const ThreadCountScope threads(options.threads);
   const int status = runPipeline(options, report, out, err);
   if (status != kSuccess) return status;
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;

@@ -2,8 +2,8 @@
 //
 // How many threads the operators of vorn::operators split their pixel work across.
 //
-//   vorn::setThreadCount(4);   // every operator from now on, unless its `threads` parameter says
-//   otherwise vorn::setThreadCount(0);   // back to every core the process may use
+//   vorn::setThreadCount(4);  // every operator from now on, unless its `threads` says otherwise
+//   vorn::setThreadCount(0);  // back to every core the process may use
 //
 // The core library creates no threads; only the operators' pixel loops run on workers, and
 // `generateData` still returns on the calling thread when the work is done. Results are the
