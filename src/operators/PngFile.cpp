@@ -190,8 +190,8 @@ bool skipBytes(std::FILE* file, std::uint64_t count) {
 }
 
 // libpng allocates a chunk at the size it claims before reading it, so every chunk must fit in
-// the rest of the file before libpng sees any. The walk seeks from one chunk header to the
-// next: one small read a chunk. Returns the bytes of the IDAT chunks, the compressed pixels.
+// the rest of the file before libpng sees any. The walk reads each chunk header and steps over
+// the chunk's data. Returns the bytes of the IDAT chunks, the compressed pixels.
 std::uint64_t scanPngChunks(std::FILE* file, std::uint64_t fileSize, const std::string& path) {
   std::uint64_t idatBytes = 0;
   std::uint64_t position = 8;  // after the signature
