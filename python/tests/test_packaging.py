@@ -19,7 +19,7 @@ def test_every_catalog_operator_class_has_its_help(name):
 @pytest.mark.parametrize("name, line", [
     ("gaussian", "sigma = '1': in pixels"),
     ("threshold", "inside = '1': value of the pixels inside"),
-    ("stats", "Parameters (setParameterValue): none."),
+    ("stats", "threads = '': threads for its pixel work"),
 ])
 def test_operator_docs_give_defaults(name, line):
     assert line in type(vorn.createOperator(name)).__doc__

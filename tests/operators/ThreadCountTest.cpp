@@ -54,12 +54,17 @@ const std::vector<std::pair<ImagePtr, ImagePtr>>& phantoms() {
   return images;
 }
 
-// Parameter sets where the defaults would leave the work trivial; every other operator runs
-// with its defaults.
+// Parameter sets where the defaults would leave the work trivial or be refused; every other
+// operator runs with its defaults.
 const std::map<std::string, std::vector<Parameters>> kParameterSets = {
     {"gaussian", {{{"sigma", "1.5"}}, {{"sigma", "0"}}, {{"sigma", "3,0.6,1"}}}},
     {"threshold", {{{"lower", "40"}, {"upper", "150.5"}, {"inside", "200"}}}},
     {"cast", {{{"type", "uchar"}}, {{"type", "short"}}, {{"type", "float"}}}},
+    {"math", {{{"op", "div"}, {"value", "3"}}, {{"op", "sqrt"}, {"type", "short"}}}},
+    {"resample", {{{"spacing", "0.7"}, {"order", "1"}}, {{"size", "9,17,5"}, {"order", "3"}}}},
+    {"median", {{{"size", "5"}}}},
+    {"erode", {{{"radius", "2"}}, {{"radius", "1"}, {"shape", "box"}}}},
+    {"crop", {{{"start", "1,2,0"}, {"size", "20,20,3"}}}},
 };
 
 std::string describe(const vorn::ImageObject& image) {
@@ -135,6 +140,10 @@ TEST(ThreadCount, AValueThatIsNotACountFailsTheUpdateNamingIt) {
       continue;
     }
     connectInputs(*op, {&source});
+    const auto sets = kParameterSets.find(info.name);
+    if (sets != kParameterSets.end()) {
+      for (const auto& [name, value] : sets->second.front()) op->setParameterValue(name, value);
+    }
     for (const auto& [value, why] : kBadCounts) {
       op->setParameterValue("threads", value);
       expectUpdateFailure(
