@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
   libpng-dev libnifti2-dev zlib1g-dev
-  python3-dev pybind11-dev python3-numpy python3-pytest python3-dask python3-distributed
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
   dpkg-dev file pkg-config graphviz doxygen
   python3-skimage)  # its sample photographs: the demo test runs on one
 
