@@ -20,6 +20,7 @@ vorn updates hold the GIL and redirect the process's standard output, so the chu
 process run one at a time (a lock); parallel runs use worker processes with one thread each.
 Dask and zarr are imported only when used.
 """
+import contextlib
 import importlib
 import itertools
 import json
@@ -160,8 +161,8 @@ def _graph(text):
     ops, commands = pipeline.operators(), pipeline.commands()
     for op, command in zip(ops, commands):
         if op.getNumberOfInputPorts() == 0 or op.getNumberOfOutputPorts() == 0:
-            raise ChunkedError(f"{op.getName()} ({command}): chunked pipelines take arrays and give "
-                               f"an array; leave out read and write")
+            raise ChunkedError(f"{op.getName()} ({command}): chunked pipelines take arrays and "
+                               f"give an array; leave out read and write")
     stages = {op.getName(): (op, command, _feeders(op)) for op, command in zip(ops, commands)}
     fed = {name for _, _, feeders in stages.values() for name in feeders if name}
     sinks = [name for name in stages if name not in fed]
@@ -210,7 +211,7 @@ def _plan_of(text, ndim):
             else:
                 out_halo[feeder] = [max(a, b) for a, b in zip(out_halo.get(feeder, reach), reach)]
     plan.out_halo = {name: tuple(h) for name, h in out_halo.items()}
-    plan.merges.reverse()  # in order of appearance
+    plan.merges.reverse()  # upstream first, as a whole-image run prints them
     plan.halo = tuple(needed)
     return plan
 
@@ -263,7 +264,8 @@ class _Box:
     region: tuple  # slices of the image
 
     def core_in_region(self):
-        return tuple(slice(c.start - r.start, c.stop - r.start) for c, r in zip(self.core, self.region))
+        return tuple(slice(c.start - r.start, c.stop - r.start)
+                     for c, r in zip(self.core, self.region))
 
 
 def _boxes(shape, chunks, plan_halo):
@@ -407,6 +409,8 @@ def apply(text, arrays, *, spacing=None, origin=None):
     operators pass their data through here; run() reports their figures."""
     arrays = _dask_inputs(arrays)
     plan = _prepare(text, [a.shape for a in arrays], [a.dtype for a in arrays])
+    spacing = _axes(spacing, plan.ndim, "spacing", "apply")
+    origin = _axes(origin, plan.ndim, "origin", "apply")
     HighLevelGraph = _need("dask.highlevelgraph").HighLevelGraph
     tokenize = _need("dask.base").tokenize
     name = "vorn-chunked-" + tokenize(text, spacing, origin, *[a.name for a in arrays])
@@ -478,7 +482,8 @@ def _open_input(source, chunks):
 
 def _check_chunks(chunks, ndim):
     if len(chunks) != ndim or any(int(c) < 1 for c in chunks):
-        raise ChunkedError(f"chunks {tuple(chunks)}: one whole number >= 1 per axis ({ndim}) needed")
+        raise ChunkedError(f"chunks {tuple(chunks)}: one whole number >= 1 per axis ({ndim}) "
+                           f"needed")
     return tuple(int(c) for c in chunks)
 
 
@@ -547,7 +552,8 @@ def _prepare_run(text, source, destination, chunks, resume):
     plan = _prepare(text, [i.shape for i in inputs], [i.dtype for i in inputs])
     chunks = _check_chunks(first.chunks, plan.ndim)
     if any(i.chunks != chunks for i in inputs):
-        raise ChunkedError("inputs of different chunks: " + ", ".join(str(i.chunks) for i in inputs))
+        raise ChunkedError("inputs of different chunks: "
+                           + ", ".join(str(i.chunks) for i in inputs))
     destination = os.fspath(destination)
     _open_destination(destination, text, first, chunks, plan, resume)
     grid = tuple(tuple(min(c, n - s) for s in range(0, n, c)) for n, c in zip(first.shape, chunks))
@@ -670,26 +676,19 @@ def local_cluster(workers, memory_limit="auto"):
                                         memory_limit=memory_limit, dashboard_address=None)
 
 
-class _client:
-    """A context giving the client the command line asked for, or None."""
-
-    def __init__(self, workers, scheduler):
-        self.workers, self.scheduler, self.parts = workers, scheduler, []
-
-    def __enter__(self):
-        if self.workers is None and self.scheduler is None:
-            return None
-        distributed = _need("distributed")
-        if self.scheduler is not None:
-            self.parts.append(distributed.Client(self.scheduler))
-        else:
-            cluster = local_cluster(self.workers)
-            self.parts += [cluster, distributed.Client(cluster)]
-        return self.parts[-1]
-
-    def __exit__(self, *exc):
-        for part in reversed(self.parts):
-            part.close()
+@contextlib.contextmanager
+def _client(workers, scheduler):
+    """The client the command line asked for, or None."""
+    if workers is None and scheduler is None:
+        yield None
+        return
+    distributed = _need("distributed")
+    if scheduler is not None:
+        with distributed.Client(scheduler) as client:
+            yield client
+        return
+    with local_cluster(workers) as cluster, distributed.Client(cluster) as client:
+        yield client
 
 
 if __name__ == "__main__":
