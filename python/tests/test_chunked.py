@@ -219,3 +219,14 @@ def test_imported_lazily_and_names_the_package():
             "except ImportError as e: print(e)")
     done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True)
     assert "python3-dask" in done.stdout
+
+
+def test_a_file_vorn_reads_is_a_source(tmp_path):
+    pixels = image((21, 34), np.uint8)
+    path = str(tmp_path / "in.png")
+    with vorn.capture_output():
+        vorn.writeImageFile(vorn.ImageObject.from_array(pixels), path)
+    chunked.run("gaussian sigma=1.5", path, tmp_path / "out.zarr", chunks=(5, 7))
+    out = zarr.open(str(tmp_path / "out.zarr"), mode="r")
+    assert out.chunks == (5, 7) and len(out.attrs["spacing"]) == 2
+    np.testing.assert_array_equal(out[...], chunked.compute("gaussian sigma=1.5", pixels)[0])
