@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
   libpng-dev libnifti2-dev zlib1g-dev libtiff-dev libtbb-dev
-  python3-dev pybind11-dev python3-numpy python3-pytest python3-dask python3-distributed
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
   python3-venv python3-pip python3-setuptools python3-wheel python3-mypy ccache
   dpkg-dev file pkg-config graphviz doxygen
   clang libclang-rt-dev  # the libFuzzer programs, which test.sh builds

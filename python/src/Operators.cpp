@@ -154,6 +154,28 @@ void bindText(py::module_& m) {
       .def("run", &TextPipeline::run)
       .def("silence", [](TextPipeline& pipeline) { pipeline.setReportStream(nullptr); });
   m.def("run", &runText, py::arg("text"));
+  // A pipeline kept to be fed and updated from Python; its operators live as long as it does.
+  py::class_<TextPipeline>(m, "TextPipeline")
+      .def_static("build", py::overload_cast<const std::string&>(&TextPipeline::build),
+                  py::arg("text"))
+      .def_static("buildOpen", &TextPipeline::buildOpen, py::arg("text"))
+      .def("operators",
+           [](py::object self) {
+             py::list ops;
+             for (ProcessObject* op : self.cast<TextPipeline&>().operators()) {
+               ops.append(py::cast(op, py::return_value_policy::reference_internal, self));
+             }
+             return ops;
+           })
+      .def("commands", &TextPipeline::commands)
+      .def("openInputs", [](py::object self) {
+        py::list inputs;
+        for (const auto& [op, index] : self.cast<TextPipeline&>().openInputs()) {
+          inputs.append(py::make_tuple(
+              py::cast(op, py::return_value_policy::reference_internal, self), index));
+        }
+        return inputs;
+      });
 }
 
 // While entered, the library's lines go to a buffer instead of the process's standard output.

@@ -320,7 +320,8 @@ void readStage(Stage& stage) {
 
 class Resolver {
  public:
-  explicit Resolver(std::vector<Stage>& stages) : m_stages(stages) {
+  Resolver(std::vector<Stage>& stages, bool openInputs)
+      : m_stages(stages), m_openInputs(openInputs) {
     for (std::size_t s = 0; s < stages.size(); ++s) {
       if (stages[s].label.empty()) continue;
       const auto [entry, fresh] = m_labels.emplace(stages[s].label, s);
@@ -359,6 +360,7 @@ class Resolver {
 
   void checkSource(const Stage& stage, std::size_t input) const {
     const std::size_t source = stage.sources[input];
+    if (source == kNone && m_openInputs) return;
     if (source == kNone) {
       fail(where(stage) + ": input " + std::to_string(input) + " is not fed" +
            (input == 0 ? " (start its chain with a reader or @LABEL)"
@@ -371,6 +373,7 @@ class Resolver {
   }
 
   std::vector<Stage>& m_stages;
+  bool m_openInputs;
   std::map<std::string, std::size_t> m_labels;
 };
 
@@ -404,6 +407,7 @@ void checkNoCycle(const std::vector<Stage>& stages) {
         continue;
       }
       const std::size_t source = stages[at].sources[next++];
+      if (source == kNone) continue;
       if (state[source] == kOnWalk) failCycle(stages, walk, source);
       if (state[source] == kUnseen) {
         state[source] = kOnWalk;
@@ -433,6 +437,7 @@ void nameOperators(std::vector<Stage>& stages) {
 
 void connect(const std::vector<Stage>& stages, const Stage& stage) {
   for (std::size_t i = 0; i < stage.sources.size(); ++i) {
+    if (stage.sources[i] == kNone) continue;
     const Port* output = stages[stage.sources[i]].op->getOutputPort(0);
     const auto input = static_cast<unsigned int>(i);
     stage.op->setInputPort(input, output);
@@ -443,10 +448,10 @@ void connect(const std::vector<Stage>& stages, const Stage& stage) {
   }
 }
 
-std::vector<Stage> parse(const std::string& text) {
+std::vector<Stage> parse(const std::string& text, bool openInputs) {
   std::vector<Stage> stages = splitStages(tokenize(text));
   for (Stage& stage : stages) readStage(stage);
-  Resolver resolver(stages);
+  Resolver resolver(stages, openInputs);
   for (Stage& stage : stages) resolver.resolve(stage);
   checkNoCycle(stages);
   nameOperators(stages);
@@ -456,7 +461,9 @@ std::vector<Stage> parse(const std::string& text) {
 std::vector<bool> consumedStages(const std::vector<Stage>& stages) {
   std::vector<bool> consumed(stages.size(), false);
   for (const Stage& stage : stages) {
-    for (const std::size_t source : stage.sources) consumed[source] = true;
+    for (const std::size_t source : stage.sources) {
+      if (source != kNone) consumed[source] = true;
+    }
   }
   return consumed;
 }
@@ -508,12 +515,25 @@ std::string describeFailure(const std::exception& failure) {
 }
 
 std::unique_ptr<TextPipeline> TextPipeline::build(const std::string& text) {
-  std::vector<Stage> stages = parse(text);
+  return build(text, false);
+}
+
+std::unique_ptr<TextPipeline> TextPipeline::buildOpen(const std::string& text) {
+  return build(text, true);
+}
+
+std::unique_ptr<TextPipeline> TextPipeline::build(const std::string& text, bool openInputs) {
+  std::vector<Stage> stages = parse(text, openInputs);
   std::unique_ptr<TextPipeline> pipeline(new TextPipeline);
   const std::vector<bool> consumed = consumedStages(stages);
   for (std::size_t s = 0; s < stages.size(); ++s) {
     Stage& stage = stages[s];
     connect(stages, stage);
+    for (std::size_t i = 0; i < stage.sources.size(); ++i) {
+      if (stage.sources[i] == kNone) {
+        pipeline->m_openInputs.emplace_back(stage.op.get(), static_cast<unsigned int>(i));
+      }
+    }
     stage.op->setName(stage.name);
     if (stage.roi) stage.op->setRequestedRegionOfInterest(0, stage.roi);
     if (auto* writer = dynamic_cast<ImageFileWriter*>(stage.op.get())) {
@@ -521,6 +541,7 @@ std::unique_ptr<TextPipeline> TextPipeline::build(const std::string& text) {
     }
     pipeline->m_owned.push_back(stage.op);
     pipeline->m_operators.push_back(stage.op.get());
+    pipeline->m_commands.push_back(stage.words[0].text);
     if (stage.op->getOutputPort(0) == nullptr || !consumed[s]) {
       pipeline->m_sinks.push_back(stage.op.get());
     }
@@ -564,7 +585,13 @@ void TextPipeline::discardWriters() {
 
 const std::vector<ProcessObject*>& TextPipeline::operators() const { return m_operators; }
 
+const std::vector<std::string>& TextPipeline::commands() const { return m_commands; }
+
 const std::vector<ProcessObject*>& TextPipeline::sinks() const { return m_sinks; }
+
+const std::vector<std::pair<ProcessObject*, unsigned int>>& TextPipeline::openInputs() const {
+  return m_openInputs;
+}
 
 ProcessObject* TextPipeline::find(const std::string& name) const {
   for (ProcessObject* op : m_operators) {

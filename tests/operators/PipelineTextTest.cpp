@@ -136,6 +136,22 @@ TEST(PipelineText, RefusesMalformedTextsNamingTheCulprit) {
   EXPECT_THROW(TextPipeline::build(longest), std::invalid_argument);
 }
 
+// Open inputs are left for the caller, in order of appearance; the rest is checked as usual.
+TEST(PipelineText, BuildOpenLeavesUnfedInputsToTheCaller) {
+  CoutCapture capture;
+  const auto pipeline = TextPipeline::buildOpen("gaussian as=g ! mask ; @g ! stats as=s");
+  const auto op = [&pipeline](const std::string& name) { return pipeline->find(name); };
+  using Input = std::pair<ProcessObject*, unsigned int>;
+  EXPECT_EQ(pipeline->openInputs(), (std::vector<Input>{{op("g"), 0}, {op("mask"), 1}}));
+  EXPECT_EQ(pipeline->commands(), (std::vector<std::string>{"gaussian", "mask", "stats"}));
+  EXPECT_TRUE(reads(op("mask"), 0, op("g")) && reads(op("s"), 0, op("g")));
+  EXPECT_TRUE(TextPipeline::build("read file=a ! gaussian")->openInputs().empty());
+  expectThrow<vorn::PipelineTextError>([] { TextPipeline::buildOpen("gaussian ! nosuch"); },
+                                       {"unknown operator 'nosuch'"});
+  expectThrow<vorn::PipelineTextError>([] { TextPipeline::buildOpen("mask in1=x"); },
+                                       {"unknown label 'x'"});
+}
+
 // Writers keep their files pending until every sink is done, then all commit or none does.
 TEST(PipelineText, RunCommitsAllWritersOrNone) {
   CoutCapture capture;

@@ -32,6 +32,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -61,6 +62,9 @@ class VORN_OPERATORS_API TextPipeline {
 
   // The pipeline `text` describes; PipelineTextError when it describes none.
   static std::unique_ptr<TextPipeline> build(const std::string& text);
+  // The same, but an input no stage feeds is left unconnected instead of refused: a caller
+  // feeds it (a chunk of an image, a view on screen). openInputs() lists them.
+  static std::unique_ptr<TextPipeline> buildOpen(const std::string& text);
   ~TextPipeline();
   TextPipeline(const TextPipeline&) = delete;
   TextPipeline& operator=(const TextPipeline&) = delete;
@@ -71,8 +75,13 @@ class VORN_OPERATORS_API TextPipeline {
 
   // Every stage's operator, in order of appearance.
   const std::vector<ProcessObject*>& operators() const;
+  // Each stage's command-line name (its catalog entry), in the same order.
+  const std::vector<std::string>& commands() const;
   // The stages whose output nobody reads, writers included, in order of appearance.
   const std::vector<ProcessObject*>& sinks() const;
+  // The inputs no stage feeds, in order of appearance (stage, then input index); empty unless
+  // built by buildOpen().
+  const std::vector<std::pair<ProcessObject*, unsigned int>>& openInputs() const;
   // The operator of that name (a label or a generated name), or null.
   ProcessObject* find(const std::string& name) const;
   // Where the stats operators write their line; not owned; null silences them.
@@ -80,12 +89,15 @@ class VORN_OPERATORS_API TextPipeline {
 
  private:
   TextPipeline() = default;
+  static std::unique_ptr<TextPipeline> build(const std::string& text, bool openInputs);
   void commitWriters();
   void discardWriters();
 
   std::vector<boost::shared_ptr<ProcessObject>> m_owned;
   std::vector<ProcessObject*> m_operators;
+  std::vector<std::string> m_commands;
   std::vector<ProcessObject*> m_sinks;
+  std::vector<std::pair<ProcessObject*, unsigned int>> m_openInputs;
 };
 
 // The first meaningful lines of a failure's what() on one line: the engine's function-name
