@@ -144,18 +144,10 @@ void bindText(py::module_& m) {
   py::register_exception<PipelineTextError>(m, "PipelineTextError", PyExc_ValueError);
   py::register_exception<PipelineRunError>(m, "PipelineRunError", PyExc_RuntimeError);
   m.def("writeGraphviz", &graphviz, py::arg("roots"));
-  // The operators stay the pipeline's: the lists are valid while the pipeline lives (a list
-  // cannot keep it alive), an operator found by name keeps it alive itself.
-  py::class_<TextPipeline, std::unique_ptr<TextPipeline>>(m, "TextPipeline")
-      .def_static("build", &TextPipeline::build, py::arg("text"))
-      .def("operators", &TextPipeline::operators, py::return_value_policy::reference)
-      .def("sinks", &TextPipeline::sinks, py::return_value_policy::reference)
-      .def("find", &TextPipeline::find, py::return_value_policy::reference_internal)
-      .def("run", &TextPipeline::run)
-      .def("silence", [](TextPipeline& pipeline) { pipeline.setReportStream(nullptr); });
   m.def("run", &runText, py::arg("text"));
-  // A pipeline kept to be fed and updated from Python; its operators live as long as it does.
-  py::class_<TextPipeline>(m, "TextPipeline")
+  // A pipeline kept to be fed and updated from Python. Its operators stay the pipeline's: each
+  // one handed out keeps the pipeline alive; the list of sinks is valid while it lives.
+  py::class_<TextPipeline, std::unique_ptr<TextPipeline>>(m, "TextPipeline")
       .def_static("build", py::overload_cast<const std::string&>(&TextPipeline::build),
                   py::arg("text"))
       .def_static("buildOpen", &TextPipeline::buildOpen, py::arg("text"))
@@ -167,6 +159,10 @@ void bindText(py::module_& m) {
              }
              return ops;
            })
+      .def("sinks", &TextPipeline::sinks, py::return_value_policy::reference)
+      .def("find", &TextPipeline::find, py::return_value_policy::reference_internal)
+      .def("run", &TextPipeline::run)
+      .def("silence", [](TextPipeline& pipeline) { pipeline.setReportStream(nullptr); })
       .def("commands", &TextPipeline::commands)
       .def("openInputs", [](py::object self) {
         py::list inputs;

@@ -23,21 +23,24 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // Gaussian gradient magnitude into a float image.
-class VORN_OPERATORS_API GradientMagnitude : public ProcessObject {
+class VORN_OPERATORS_API GradientMagnitude : public ProcessObject, public LocalOperator {
  public:
   GradientMagnitude();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 // Laplacian of Gaussian into a float image.
-class VORN_OPERATORS_API LaplacianOfGaussian : public ProcessObject {
+class VORN_OPERATORS_API LaplacianOfGaussian : public ProcessObject, public LocalOperator {
  public:
   LaplacianOfGaussian();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

@@ -31,15 +31,17 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // Pixel-wise arithmetic of one image and a number, or of two images.
-class VORN_OPERATORS_API MathOperator : public ProcessObject {
+class VORN_OPERATORS_API MathOperator : public ProcessObject, public LocalOperator {
  public:
   // `images` input ports: 1 (an image and `value`, or a unary op) or 2 (two images).
   explicit MathOperator(unsigned int images = 1);
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 
  private:
   unsigned int m_images;

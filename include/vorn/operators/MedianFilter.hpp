@@ -28,14 +28,16 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // Median filter over a box, into an image of the input's type.
-class VORN_OPERATORS_API MedianFilter : public ProcessObject {
+class VORN_OPERATORS_API MedianFilter : public ProcessObject, public LocalOperator {
  public:
   MedianFilter();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

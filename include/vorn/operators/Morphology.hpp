@@ -31,35 +31,40 @@
 
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
+#include "vorn/operators/LocalOperator.hpp"
 
 namespace vorn {
 
 // The minimum over the footprint (grey erosion).
-class VORN_OPERATORS_API Erosion : public ProcessObject {
+class VORN_OPERATORS_API Erosion : public ProcessObject, public LocalOperator {
  public:
   Erosion();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 // The maximum over the footprint (grey dilation).
-class VORN_OPERATORS_API Dilation : public ProcessObject {
+class VORN_OPERATORS_API Dilation : public ProcessObject, public LocalOperator {
  public:
   Dilation();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 // The dilation of the erosion: removes bright detail smaller than the footprint.
-class VORN_OPERATORS_API Opening : public ProcessObject {
+class VORN_OPERATORS_API Opening : public ProcessObject, public LocalOperator {
  public:
   Opening();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 // The erosion of the dilation: removes dark detail smaller than the footprint.
-class VORN_OPERATORS_API Closing : public ProcessObject {
+class VORN_OPERATORS_API Closing : public ProcessObject, public LocalOperator {
  public:
   Closing();
   void generateData() override;
+  std::vector<long> inputHalo(unsigned int axes) override;
 };
 
 }  // namespace vorn

@@ -78,6 +78,10 @@ class View:
         self.worker.close()
         self._thread = None
 
+    def running(self):
+        """Whether the server still serves."""
+        return self._thread is not None and not self._stopped.is_set()
+
     def wait(self):
         """Blocks until the server stops (Ctrl-C ends it)."""
         try:

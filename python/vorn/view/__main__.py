@@ -1,6 +1,8 @@
 """python3 -m vorn.view SOURCE "TEXT": serves the slice view and prints its URL."""
 import argparse
+import signal
 import sys
+import threading
 import webbrowser
 
 import vorn
@@ -23,10 +25,17 @@ def main(argv=None):
     except (ViewError, vorn.ImageFileError, OSError) as error:
         print("vorn.view: %s" % error, file=sys.stderr)
         return 2
+    # Ctrl-C and SIGTERM end the server through an event rather than KeyboardInterrupt, which
+    # could land anywhere in the shutdown and end the process by the signal instead.
+    stop = threading.Event()
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: stop.set())
     print(handle.url, flush=True)
     if not args.no_browser:
         webbrowser.open(handle.url)
-    handle.wait()
+    while not stop.wait(0.5) and handle.running():
+        pass
+    handle.close()
     return 0
 
 

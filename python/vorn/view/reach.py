@@ -1,11 +1,11 @@
-"""What each operator reads to compute a box of its output, keyed by catalog name.
+"""What each operator reads to compute a box of its output.
 
 A box is (start, size), two lists in vorn's axis order (axis 0 first). A rule takes the
 operator (for its parameters), the box wanted on its output and the image's size, and answers
-the box it needs on every input, clipped to the image. An operator without a rule is assumed to
-read its whole input, which is always right, only slower. Operators added to the catalog add
-their rule here with `register`.
+the box it needs on every input, clipped to the image. The halo comes from the operator itself
+(vorn.inputHalo), so a new operator needs no rule here.
 """
+from .. import _vorn
 
 
 def whole(size):
@@ -37,50 +37,21 @@ def widened(box, radii, size):
     return start, length
 
 
-def pointwise(op, box, size):
-    return box
-
-
-def whole_input(op, box, size):
-    return whole(size)
-
-
-def gaussian(op, box, size):
-    # The kernel's radius along each axis, as the operator computes it; a sigma it will refuse
-    # asks for everything, and the update then reports the operator's own message.
+def needed(kind, op, box, size):
+    """The box `op` (of catalog kind `kind`) reads on its inputs to compute `box`: the box
+    widened by the operator's own halo, or the whole input for an operator that is not local.
+    A parameter it will refuse asks for everything, and the update then reports the operator's
+    own message."""
+    if kind == "stats":  # passes its input through pixel by pixel; the view shows no figures
+        return box
     try:
-        sigmas = [float(word) for word in op.getParameterValue("sigma").split(",")]
+        halo = _vorn.inputHalo(op, len(size))
     except ValueError:
         return whole(size)
-    if len(sigmas) == 1:
-        sigmas = sigmas * len(size)
-    if len(sigmas) != len(size) or any(not 0 <= s <= 1e6 for s in sigmas):
-        return whole(size)
-    return widened(box, [int(4.0 * s + 0.5) for s in sigmas], size)
+    return whole(size) if halo is None else widened(box, halo, size)
 
-
-RULES = {
-    "gaussian": gaussian,
-    "threshold": pointwise,
-    "cast": pointwise,
-    "mask": pointwise,
-    "stats": pointwise,
-}
 
 # Kinds whose computation honours the region requested on their output; the others compute
 # their whole output whatever they are asked, and are counted so.
-REGIONAL = {"gaussian"}
-
-
-def register(kind, rule, regional=False):
-    """Adds or replaces the rule of the catalog operator `kind`."""
-    RULES[kind] = rule
-    if regional:
-        REGIONAL.add(kind)
-    else:
-        REGIONAL.discard(kind)
-
-
-def needed(kind, op, box, size):
-    """The box `op` (of catalog kind `kind`) reads on its inputs to compute `box`."""
-    return RULES.get(kind, whole_input)(op, box, size)
+REGIONAL = {"gaussian", "median", "gradient", "laplace", "erode", "dilate", "open", "close",
+            "math", "math2"}

@@ -86,4 +86,12 @@ LaplacianOfGaussian::LaplacianOfGaussian() { declare(*this, "LaplacianOfGaussian
 
 void LaplacianOfGaussian::generateData() { sumDerivatives(*this, 2, Combine::Add); }
 
+std::vector<long> GradientMagnitude::inputHalo(unsigned int axes) {
+  return detail::gaussianHalo(*this, axes, true);
+}
+
+std::vector<long> LaplacianOfGaussian::inputHalo(unsigned int axes) {
+  return detail::gaussianHalo(*this, axes, true);
+}
+
 }  // namespace vorn

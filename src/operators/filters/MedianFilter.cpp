@@ -287,4 +287,6 @@ void MedianFilter::generateData() {
   });
 }
 
+std::vector<long> MedianFilter::inputHalo(unsigned int axes) { return halfSizes(*this, axes); }
+
 }  // namespace vorn

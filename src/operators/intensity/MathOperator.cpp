@@ -179,4 +179,6 @@ void MathOperator::generateData() {
                        });
 }
 
+std::vector<long> MathOperator::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }
+
 }  // namespace vorn

@@ -247,6 +247,14 @@ Footprint footprintOf(ProcessObject& op, const Layout& image) {
 
 enum class Kind { Erode, Dilate, Open, Close };
 
+// An opening or closing runs the footprint twice, so it reads twice as far.
+std::vector<long> reachOf(ProcessObject& op, unsigned axes, long passes) {
+  const Layout unbounded{std::vector<long>(axes, 1L << 40), {}};
+  std::vector<long> reach = footprintOf(op, unbounded).reach;
+  for (long& r : reach) r *= passes;
+  return reach;
+}
+
 void declare(ProcessObject& op, const char* name) {
   op.setName(name);
   op.addInput("ImageObject");
@@ -305,14 +313,18 @@ void run(ProcessObject& op, Kind kind) {
 
 Erosion::Erosion() { declare(*this, "Erosion"); }
 void Erosion::generateData() { run(*this, Kind::Erode); }
+std::vector<long> Erosion::inputHalo(unsigned int axes) { return reachOf(*this, axes, 1); }
 
 Dilation::Dilation() { declare(*this, "Dilation"); }
 void Dilation::generateData() { run(*this, Kind::Dilate); }
+std::vector<long> Dilation::inputHalo(unsigned int axes) { return reachOf(*this, axes, 1); }
 
 Opening::Opening() { declare(*this, "Opening"); }
 void Opening::generateData() { run(*this, Kind::Open); }
+std::vector<long> Opening::inputHalo(unsigned int axes) { return reachOf(*this, axes, 2); }
 
 Closing::Closing() { declare(*this, "Closing"); }
 void Closing::generateData() { run(*this, Kind::Close); }
+std::vector<long> Closing::inputHalo(unsigned int axes) { return reachOf(*this, axes, 2); }
 
 }  // namespace vorn
