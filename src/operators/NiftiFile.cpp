@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "ImageFileCodecs.hpp"
@@ -25,6 +26,23 @@ namespace {
 constexpr int headerSize = 348;
 constexpr std::uint64_t dataOffset = 352;  // header plus the 4-byte extension flag
 constexpr int maximumAxisSize = std::numeric_limits<short>::max();
+constexpr int header2Size = 540;
+constexpr std::int64_t data2Offset = 544;
+
+// NIfTI-2 is the same layout with 64-bit sizes and double geometry in a 540-byte header; the
+// code shared by both versions takes the header type and reads its version and size from here.
+template <class Header>
+struct Version;
+template <>
+struct Version<nifti_1_header> {
+  static constexpr int number = 1;
+  static constexpr int size = headerSize;
+};
+template <>
+struct Version<nifti_2_header> {
+  static constexpr int number = 2;
+  static constexpr int size = header2Size;
+};
 
 struct ZnzCloser {
   void operator()(znzptr* file) const { Xznzclose(&file); }
@@ -85,24 +103,28 @@ bool withNiftiType(int datatype, F&& f) {
   }
 }
 
-// The header's own size field tells the byte order: 348 either way round.
-bool needsSwap(const nifti_1_header& header, const std::string& path) {
-  if (header.sizeof_hdr == headerSize) return false;
+// The header's own size field tells the byte order: 348 (540) either way round.
+template <class Header>
+bool needsSwap(const Header& header, const std::string& path) {
+  constexpr int size = Version<Header>::size;
+  if (header.sizeof_hdr == size) return false;
   int swapped = header.sizeof_hdr;
   nifti_swap_4bytes(1, &swapped);
-  if (swapped == headerSize) return true;
-  throw ImageFileError(path, "bad NIfTI-1 header size " + std::to_string(header.sizeof_hdr));
+  if (swapped == size) return true;
+  throw ImageFileError(path, "bad NIfTI-" + std::to_string(Version<Header>::number) +
+                                 " header size " + std::to_string(header.sizeof_hdr));
 }
 
-Box boxOf(const nifti_1_header& header, const std::string& path, std::uint64_t& voxels) {
-  const int axes = header.dim[0];
+template <class Header>
+Box boxOf(const Header& header, const std::string& path, std::uint64_t& voxels) {
+  const auto axes = header.dim[0];
   if (axes < 1 || axes > 7) {
     throw ImageFileError(path, "dim[0] = " + std::to_string(axes) + ": expected 1 to 7 axes");
   }
   Box box(static_cast<unsigned int>(axes));
   voxels = 1;
   for (int axis = 1; axis <= axes; ++axis) {
-    const int size = header.dim[axis];
+    const auto size = header.dim[axis];
     if (size < 1) {
       throw ImageFileError(path, "dim[" + std::to_string(axis) + "] = " + std::to_string(size) +
                                      ": axis sizes must be positive");
@@ -152,7 +174,8 @@ void checkClaim(Layout& layout, const nifti_1_header& header, bool gzipped, std:
 }
 
 // A scaling counts when its slope is finite, not 0, and the pair is not the identity.
-void chooseType(Layout& layout, const nifti_1_header& header) {
+template <class Header>
+void chooseType(Layout& layout, const Header& header) {
   const double slope = header.scl_slope;
   const double intercept = std::isfinite(header.scl_inter) ? header.scl_inter : 0.0;
   const bool scaled = std::isfinite(slope) && slope != 0.0 && !(slope == 1.0 && intercept == 0.0);
@@ -165,11 +188,28 @@ void chooseType(Layout& layout, const nifti_1_header& header) {
   if (!scaled && layout.datatype == DT_INT16) layout.type = PixelType::SHORT;
 }
 
-Layout validate(nifti_1_header& header, bool gzipped, std::uint64_t fileSize,
+void checkClaim(Layout& layout, const nifti_2_header& header, bool gzipped, std::uint64_t fileSize,
                 const std::string& path) {
+  const std::int64_t offset = header.vox_offset;
+  const std::uint64_t available = gzipped ? inflateBound(fileSize) : fileSize;
+  if (offset < header2Size || static_cast<std::uint64_t>(offset) > available) {
+    throw ImageFileError(path, "vox_offset " + std::to_string(offset) + " lies outside the file");
+  }
+  layout.offset = static_cast<std::uint64_t>(offset);
+  if (!multiplyChecked(layout.voxels, static_cast<std::uint64_t>(layout.bytesPerVoxel),
+                       layout.bytes) ||
+      layout.bytes > available - layout.offset) {
+    throw ImageFileError(path, "header claims " + std::to_string(layout.voxels) +
+                                   " voxels, more than the file of " + std::to_string(fileSize) +
+                                   " bytes holds");
+  }
+}
+
+template <class Header>
+Layout validate(Header& header, bool gzipped, std::uint64_t fileSize, const std::string& path) {
   Layout layout;
   layout.swapped = needsSwap(header, path);
-  if (layout.swapped) swap_nifti_header(&header, 1);
+  if (layout.swapped) swap_nifti_header(&header, Version<Header>::number);
   layout.box = boxOf(header, path, layout.voxels);
   layout.datatype = header.datatype;
   checkDatatype(layout.datatype, path);
@@ -180,15 +220,21 @@ Layout validate(nifti_1_header& header, bool gzipped, std::uint64_t fileSize,
 }
 
 // A plain file was recognised by its magic already, so only gzip content can fail here.
-nifti_1_header readHeader(znzFile file, const std::string& path) {
-  nifti_1_header header;
+void readHeader(znzFile file, const std::string& path, nifti_1_header& header) {
   const std::size_t got = znzread(&header, 1, sizeof header, file);
-  if (got == sizeof header && std::memcmp(header.magic, "n+1", 4) == 0) return header;
+  if (got == sizeof header && std::memcmp(header.magic, "n+1", 4) == 0) return;
   throw ImageFileError(path, got == sizeof header
                                  ? "not a PNG or NIfTI-1 file (gzip data without a NIfTI-1 "
                                    "header)"
                                  : "not a PNG or NIfTI-1 file (no whole NIfTI-1 header in the "
                                    "gzip data, which may also be cut short or corrupt)");
+}
+
+void readHeader(znzFile file, const std::string& path, nifti_2_header& header) {
+  if (znzread(&header, 1, sizeof header, file) != sizeof header ||
+      std::memcmp(header.magic, "n+2", 4) != 0) {
+    throw ImageFileError(path, "no whole NIfTI-2 header (cut short, corrupt or a .hdr/.img pair)");
+  }
 }
 
 void readVoxels(znzFile file, const Layout& layout, void* destination, const std::string& path) {
@@ -255,8 +301,9 @@ void loadVoxels(znzFile file, const Layout& layout, const std::string& path, Ima
 }
 
 // Spacing from pixdim (its magnitude; 1 where unusable), origin from the q-form offset.
-void setGeometry(const nifti_1_header& header, ImageObject& image) {
-  const float offsets[3] = {header.qoffset_x, header.qoffset_y, header.qoffset_z};
+template <class Header>
+void setGeometry(const Header& header, ImageObject& image) {
+  const double offsets[3] = {header.qoffset_x, header.qoffset_y, header.qoffset_z};
   for (unsigned int axis = 0; axis < image.getDimension(); ++axis) {
     const double spacing = std::fabs(header.pixdim[axis + 1]);
     image.setSpacing(axis, std::isfinite(spacing) && spacing > 0.0 ? spacing : 1.0);
@@ -299,6 +346,22 @@ std::vector<int> dimsOf(const ImageObject& image, const std::string& target) {
 }
 
 // A q-form with the identity rotation carries the origin; no scaling, no s-form.
+template <class Header>
+void placeAtOrigin(Header& header, const ImageObject& image) {
+  using Real = std::decay_t<decltype(header.pixdim[0])>;
+  header.scl_slope = 0;
+  header.scl_inter = 0;
+  header.qform_code = NIFTI_XFORM_SCANNER_ANAT;
+  header.sform_code = NIFTI_XFORM_UNKNOWN;
+  header.quatern_b = header.quatern_c = header.quatern_d = 0;
+  header.pixdim[0] = 1;  // qfac
+  Real* offsets[3] = {&header.qoffset_x, &header.qoffset_y, &header.qoffset_z};
+  for (unsigned int axis = 0; axis < image.getDimension(); ++axis) {
+    header.pixdim[axis + 1] = static_cast<Real>(image.getSpacing(axis));
+    if (axis < 3) *offsets[axis] = static_cast<Real>(image.getOrigin(axis));
+  }
+}
+
 nifti_1_header headerOf(const ImageObject& image, const std::string& target) {
   const int datatype = datatypeOf(image.getPointType(), target);
   const std::vector<int> dims = dimsOf(image, target);
@@ -308,131 +371,8 @@ nifti_1_header headerOf(const ImageObject& image, const std::string& target) {
   if (!made) throw ImageFileError(target, "cannot build a NIfTI-1 header");
   nifti_1_header header = *made;
   header.vox_offset = static_cast<float>(dataOffset);
-  header.scl_slope = 0.0f;
-  header.scl_inter = 0.0f;
-  header.qform_code = NIFTI_XFORM_SCANNER_ANAT;
-  header.sform_code = NIFTI_XFORM_UNKNOWN;
-  header.quatern_b = header.quatern_c = header.quatern_d = 0.0f;
-  header.pixdim[0] = 1.0f;  // qfac
-  float* offsets[3] = {&header.qoffset_x, &header.qoffset_y, &header.qoffset_z};
-  for (unsigned int axis = 0; axis < image.getDimension(); ++axis) {
-    header.pixdim[axis + 1] = static_cast<float>(image.getSpacing(axis));
-    if (axis < 3) *offsets[axis] = static_cast<float>(image.getOrigin(axis));
-  }
+  placeAtOrigin(header, image);
   return header;
-}
-
-}  // namespace
-
-void readNiftiFile(const std::string& path, bool gzipped, std::uint64_t fileSize,
-                   ImageObject& image) {
-  ZnzPtr file(znzopen(path.c_str(), "rb", gzipped ? 1 : 0));
-  if (!file) throw ImageFileError(path, "cannot open");
-  nifti_1_header header = readHeader(file.get(), path);
-  const Layout layout = validate(header, gzipped, fileSize, path);
-  loadVoxels(file.get(), layout, path, image);
-  if (gzipped) checkCompressedEnd(file.get(), path);
-  setGeometry(header, image);
-}
-
-void writeNiftiFile(const ImageObject& image, const std::string& temporary, bool gzipped,
-                    const std::string& target) {
-  const nifti_1_header header = headerOf(image, target);
-  const std::size_t bytes = getSizeOf(image.getPointType()) * image.getPixelNumber();
-  const char extension[4] = {0, 0, 0, 0};
-  ZnzPtr file(znzopen(temporary.c_str(), "wb", gzipped ? 1 : 0));
-  if (!file) throw ImageFileError(target, "cannot open for writing");
-  const bool written = znzwrite(&header, 1, sizeof header, file.get()) == sizeof header &&
-                       znzwrite(extension, 1, sizeof extension, file.get()) == sizeof extension &&
-                       znzwrite(image.getBuffer(), 1, bytes, file.get()) == bytes;
-  znzFile raw = file.release();
-  const bool closed = Xznzclose(&raw) == 0;
-  if (!written || !closed) throw ImageFileError(target, "cannot write the NIfTI-1 file");
-}
-
-// NIfTI-2: the same layout with 64-bit sizes and double geometry, in a 540-byte header.
-namespace {
-
-constexpr int header2Size = 540;
-constexpr std::int64_t data2Offset = 544;
-
-bool needsSwap2(const nifti_2_header& header, const std::string& path) {
-  if (header.sizeof_hdr == header2Size) return false;
-  int swapped = header.sizeof_hdr;
-  nifti_swap_4bytes(1, &swapped);
-  if (swapped == header2Size) return true;
-  throw ImageFileError(path, "bad NIfTI-2 header size " + std::to_string(header.sizeof_hdr));
-}
-
-Box boxOf2(const nifti_2_header& header, const std::string& path, std::uint64_t& voxels) {
-  const std::int64_t axes = header.dim[0];
-  if (axes < 1 || axes > 7) {
-    throw ImageFileError(path, "dim[0] = " + std::to_string(axes) + ": expected 1 to 7 axes");
-  }
-  Box box(static_cast<unsigned int>(axes));
-  voxels = 1;
-  for (int axis = 1; axis <= axes; ++axis) {
-    const std::int64_t size = header.dim[axis];
-    if (size < 1) {
-      throw ImageFileError(path, "dim[" + std::to_string(axis) + "] = " + std::to_string(size) +
-                                     ": axis sizes must be positive");
-    }
-    if (!multiplyChecked(voxels, static_cast<std::uint64_t>(size), voxels)) {
-      throw ImageFileError(path, "the axis sizes multiply to more voxels than can be counted");
-    }
-    box.m_size[axis - 1] = static_cast<unsigned long>(size);
-  }
-  return box;
-}
-
-void checkClaim2(Layout& layout, std::int64_t offset, bool gzipped, std::uint64_t fileSize,
-                 const std::string& path) {
-  const std::uint64_t available = gzipped ? inflateBound(fileSize) : fileSize;
-  if (offset < header2Size || static_cast<std::uint64_t>(offset) > available) {
-    throw ImageFileError(path, "vox_offset " + std::to_string(offset) + " lies outside the file");
-  }
-  layout.offset = static_cast<std::uint64_t>(offset);
-  if (!multiplyChecked(layout.voxels, static_cast<std::uint64_t>(layout.bytesPerVoxel),
-                       layout.bytes) ||
-      layout.bytes > available - layout.offset) {
-    throw ImageFileError(path, "header claims " + std::to_string(layout.voxels) +
-                                   " voxels, more than the file of " + std::to_string(fileSize) +
-                                   " bytes holds");
-  }
-}
-
-Layout validate2(nifti_2_header& header, bool gzipped, std::uint64_t fileSize,
-                 const std::string& path) {
-  Layout layout;
-  layout.swapped = needsSwap2(header, path);
-  if (layout.swapped) swap_nifti_header(&header, 2);
-  layout.box = boxOf2(header, path, layout.voxels);
-  layout.datatype = header.datatype;
-  checkDatatype(layout.datatype, path);
-  nifti_datatype_sizes(layout.datatype, &layout.bytesPerVoxel, &layout.swapSize);
-  checkClaim2(layout, header.vox_offset, gzipped, fileSize, path);
-  const double slope = header.scl_slope;
-  const double intercept = std::isfinite(header.scl_inter) ? header.scl_inter : 0.0;
-  const bool scaled = std::isfinite(slope) && slope != 0.0 && !(slope == 1.0 && intercept == 0.0);
-  if (scaled) {
-    layout.slope = slope;
-    layout.intercept = intercept;
-  }
-  layout.type = PixelType::FLOAT;
-  if (!scaled && layout.datatype == DT_UINT8) layout.type = PixelType::UCHAR;
-  if (!scaled && layout.datatype == DT_INT16) layout.type = PixelType::SHORT;
-  return layout;
-}
-
-void setGeometry2(const nifti_2_header& header, ImageObject& image) {
-  const double offsets[3] = {header.qoffset_x, header.qoffset_y, header.qoffset_z};
-  for (unsigned int axis = 0; axis < image.getDimension(); ++axis) {
-    const double spacing = std::fabs(header.pixdim[axis + 1]);
-    image.setSpacing(axis, std::isfinite(spacing) && spacing > 0.0 ? spacing : 1.0);
-    if (axis < 3 && header.qform_code > 0 && std::isfinite(offsets[axis])) {
-      image.setOrigin(axis, offsets[axis]);
-    }
-  }
 }
 
 nifti_2_header header2Of(const ImageObject& image, const std::string& target) {
@@ -451,21 +391,51 @@ nifti_2_header header2Of(const ImageObject& image, const std::string& target) {
   if (!made) throw ImageFileError(target, "cannot build a NIfTI-2 header");
   nifti_2_header header = *made;
   header.vox_offset = data2Offset;
-  header.scl_slope = 0.0;
-  header.scl_inter = 0.0;
-  header.qform_code = NIFTI_XFORM_SCANNER_ANAT;
-  header.sform_code = NIFTI_XFORM_UNKNOWN;
-  header.quatern_b = header.quatern_c = header.quatern_d = 0.0;
-  header.pixdim[0] = 1.0;  // qfac
-  double* offsets[3] = {&header.qoffset_x, &header.qoffset_y, &header.qoffset_z};
-  for (unsigned int axis = 0; axis < axes; ++axis) {
-    header.pixdim[axis + 1] = image.getSpacing(axis);
-    if (axis < 3) *offsets[axis] = image.getOrigin(axis);
-  }
+  placeAtOrigin(header, image);
   return header;
 }
 
+template <class Header>
+void readFile(const std::string& path, bool gzipped, std::uint64_t fileSize, ImageObject& image) {
+  ZnzPtr file(znzopen(path.c_str(), "rb", gzipped ? 1 : 0));
+  if (!file) throw ImageFileError(path, "cannot open");
+  Header header;
+  readHeader(file.get(), path, header);
+  const Layout layout = validate(header, gzipped, fileSize, path);
+  loadVoxels(file.get(), layout, path, image);
+  if (gzipped) checkCompressedEnd(file.get(), path);
+  setGeometry(header, image);
+}
+
+template <class Header>
+void writeFile(const Header& header, const ImageObject& image, const std::string& temporary,
+               bool gzipped, const std::string& target) {
+  const std::size_t bytes = getSizeOf(image.getPointType()) * image.getPixelNumber();
+  const char extension[4] = {0, 0, 0, 0};
+  ZnzPtr file(znzopen(temporary.c_str(), "wb", gzipped ? 1 : 0));
+  if (!file) throw ImageFileError(target, "cannot open for writing");
+  const bool written = znzwrite(&header, 1, sizeof header, file.get()) == sizeof header &&
+                       znzwrite(extension, 1, sizeof extension, file.get()) == sizeof extension &&
+                       znzwrite(image.getBuffer(), 1, bytes, file.get()) == bytes;
+  znzFile raw = file.release();
+  const bool closed = Xznzclose(&raw) == 0;
+  if (!written || !closed) {
+    throw ImageFileError(
+        target, "cannot write the NIfTI-" + std::to_string(Version<Header>::number) + " file");
+  }
+}
+
 }  // namespace
+
+void readNiftiFile(const std::string& path, bool gzipped, std::uint64_t fileSize,
+                   ImageObject& image) {
+  readFile<nifti_1_header>(path, gzipped, fileSize, image);
+}
+
+void writeNiftiFile(const ImageObject& image, const std::string& temporary, bool gzipped,
+                    const std::string& target) {
+  writeFile(headerOf(image, target), image, temporary, gzipped, target);
+}
 
 int niftiVersion(const std::string& path, bool gzipped) {
   ZnzPtr file(znzopen(path.c_str(), "rb", gzipped ? 1 : 0));
@@ -478,32 +448,12 @@ int niftiVersion(const std::string& path, bool gzipped) {
 
 void readNifti2File(const std::string& path, bool gzipped, std::uint64_t fileSize,
                     ImageObject& image) {
-  ZnzPtr file(znzopen(path.c_str(), "rb", gzipped ? 1 : 0));
-  if (!file) throw ImageFileError(path, "cannot open");
-  nifti_2_header header;
-  if (znzread(&header, 1, sizeof header, file.get()) != sizeof header ||
-      std::memcmp(header.magic, "n+2", 4) != 0) {
-    throw ImageFileError(path, "no whole NIfTI-2 header (cut short, corrupt or a .hdr/.img pair)");
-  }
-  const Layout layout = validate2(header, gzipped, fileSize, path);
-  loadVoxels(file.get(), layout, path, image);
-  if (gzipped) checkCompressedEnd(file.get(), path);
-  setGeometry2(header, image);
+  readFile<nifti_2_header>(path, gzipped, fileSize, image);
 }
 
 void writeNifti2File(const ImageObject& image, const std::string& temporary, bool gzipped,
                      const std::string& target) {
-  const nifti_2_header header = header2Of(image, target);
-  const std::size_t bytes = getSizeOf(image.getPointType()) * image.getPixelNumber();
-  const char extension[4] = {0, 0, 0, 0};
-  ZnzPtr file(znzopen(temporary.c_str(), "wb", gzipped ? 1 : 0));
-  if (!file) throw ImageFileError(target, "cannot open for writing");
-  const bool written = znzwrite(&header, 1, sizeof header, file.get()) == sizeof header &&
-                       znzwrite(extension, 1, sizeof extension, file.get()) == sizeof extension &&
-                       znzwrite(image.getBuffer(), 1, bytes, file.get()) == bytes;
-  znzFile raw = file.release();
-  const bool closed = Xznzclose(&raw) == 0;
-  if (!written || !closed) throw ImageFileError(target, "cannot write the NIfTI-2 file");
+  writeFile(header2Of(image, target), image, temporary, gzipped, target);
 }
 
 }  // namespace detail
