@@ -66,5 +66,20 @@ decltype(auto) dispatchPixelType(PixelType::Type type, F&& f) {
   }
 }
 
+// Gives `output` the box, geometry and pixel type of `input` in a fresh buffer (a type without
+// elements is refused before the output changes), then calls f(in, out) with the two buffers
+// typed as that pixel type.
+template <class F>
+void allocateLike(const ImageObject& input, ImageObject& output, F&& f) {
+  const PixelType::Type type = input.getPointType();
+  dispatchPixelType(type, [](auto) {});
+  output.Allocate(type, input.getBufferedRegion());
+  copyGeometry(input, output);
+  dispatchPixelType(type, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    f(static_cast<const T*>(input.getBuffer()), static_cast<T*>(output.getBuffer()));
+  });
+}
+
 }  // namespace detail
 }  // namespace vorn

@@ -274,15 +274,8 @@ void MedianFilter::generateData() {
     detail::throwBadParameter(*this, "size", getParameterValue("size"),
                               "the windows of a row would cover 2^32 pixels or more");
   }
-  const PixelType::Type type = input->getPointType();
-  detail::dispatchPixelType(type, [](auto) {});  // refuses a type without elements first
-  output->Allocate(type, input->getBufferedRegion());
-  detail::copyGeometry(*input, *output);
-  detail::dispatchPixelType(type, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    T* out = static_cast<T*>(output->getBuffer());
-    if (!target.empty())
-      median(static_cast<const T*>(input->getBuffer()), out, layout, half, target, threads);
+  detail::allocateLike(*input, *output, [&](const auto* in, auto* out) {
+    if (!target.empty()) median(in, out, layout, half, target, threads);
     if (target.size != layout.size) detail::zeroOutside(out, layout, target);
   });
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "ImageRegion.hpp"
@@ -293,19 +294,13 @@ void run(ProcessObject& op, Kind kind) {
   const Footprint footprint = footprintOf(op, layout);
   const unsigned threads = detail::threadsFor(op);
   const Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
-  const PixelType::Type type = input->getPointType();
-  detail::dispatchPixelType(type, [](auto) {});  // refuses a type without elements first
-  output->Allocate(type, input->getBufferedRegion());
-  detail::copyGeometry(*input, *output);
-  detail::dispatchPixelType(type, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    T* out = static_cast<T*>(output->getBuffer());
+  detail::allocateLike(*input, *output, [&](const auto* in, auto* out) {
     if (target.empty()) {
+      using T = std::remove_pointer_t<decltype(out)>;
       std::fill_n(out, output->getPixelNumber(), T(0));
       return;
     }
-    morphology(static_cast<const T*>(input->getBuffer()), out, layout, target, footprint, kind,
-               threads);
+    morphology(in, out, layout, target, footprint, kind, threads);
   });
 }
 
