@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <iostream>
 
 #include "vorn/PortProxy.hpp"
 
@@ -85,6 +86,19 @@ std::vector<double> numberListParameter(ProcessObject& op, const std::string& na
     if (comma == std::string::npos) return numbers;
     begin = comma + 1;
   }
+}
+
+void printFigures(std::ostream* stream, const std::function<void(std::ostream&)>& print) {
+  if (stream == nullptr) return;
+  std::ostream& os = *stream;
+  const std::ios_base::fmtflags flags = os.flags();
+  const std::streamsize precision = os.precision(10);
+  if (stream == &std::cout) os << '\n';
+  os.unsetf(std::ios_base::floatfield);
+  print(os);
+  os.flush();
+  os.precision(precision);
+  os.flags(flags);
 }
 
 }  // namespace detail

@@ -3,6 +3,8 @@
 // and a dispatch from a runtime pixel type to a typed function.
 #pragma once
 
+#include <functional>
+#include <iosfwd>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -43,6 +45,11 @@ std::optional<double> optionalNumberParameter(ProcessObject& op, const std::stri
 std::vector<double> numberListParameter(ProcessObject& op, const std::string& name);
 // Parses `text` as a whole finite number, locale-independent; false when it is not one.
 bool parseNumber(const std::string& text, double& value);
+
+// Calls print(*stream) with 10 significant digits and the default float notation, after a line
+// break when the stream is std::cout, then flushes and restores the stream's format; nothing
+// when `stream` is null.
+void printFigures(std::ostream* stream, const std::function<void(std::ostream&)>& print);
 
 // A value standing for the element type T, for dispatchPixelType's callers.
 template <class T>

@@ -182,17 +182,11 @@ void StatisticsOperator::generateData() {
                         static_cast<T*>(output->getBuffer()));
   });
   m_statistics = statistics;
-  if (m_stream == nullptr) return;
-  std::ostream& os = *m_stream;
-  const std::ios_base::fmtflags flags = os.flags();
-  const std::streamsize precision = os.precision(10);
-  if (m_stream == &std::cout) os << '\n';
-  os.unsetf(std::ios_base::floatfield);
-  os << getName() << ": count=" << statistics.count << " min=" << statistics.min
-     << " max=" << statistics.max << " mean=" << statistics.mean << " stddev=" << statistics.stddev
-     << " sum=" << statistics.sum << std::endl;
-  os.precision(precision);
-  os.flags(flags);
+  detail::printFigures(m_stream, [&](std::ostream& os) {
+    os << getName() << ": count=" << statistics.count << " min=" << statistics.min
+       << " max=" << statistics.max << " mean=" << statistics.mean
+       << " stddev=" << statistics.stddev << " sum=" << statistics.sum << '\n';
+  });
 }
 
 }  // namespace vorn

@@ -194,21 +194,14 @@ void LabelStatistics::generateData() {
   });
   detail::outputImage(*this, 0)->import(input.get(), this);
   m_statistics = std::move(figures);
-  if (m_stream == nullptr) return;
-  std::ostream& os = *m_stream;
-  const std::ios_base::fmtflags flags = os.flags();
-  const std::streamsize precision = os.precision(10);
-  if (m_stream == &std::cout) os << '\n';
-  os.unsetf(std::ios_base::floatfield);
-  for (const LabelFigures& f : m_statistics) {
-    const ImageStatistics& s = f.figures;
-    os << getName() << ": label=" << f.label << " count=" << s.count << " min=" << s.min
-       << " max=" << s.max << " mean=" << s.mean << " stddev=" << s.stddev << " sum=" << s.sum
-       << " box=" << boxText(f) << '\n';
-  }
-  os.flush();
-  os.precision(precision);
-  os.flags(flags);
+  detail::printFigures(m_stream, [&](std::ostream& os) {
+    for (const LabelFigures& f : m_statistics) {
+      const ImageStatistics& s = f.figures;
+      os << getName() << ": label=" << f.label << " count=" << s.count << " min=" << s.min
+         << " max=" << s.max << " mean=" << s.mean << " stddev=" << s.stddev << " sum=" << s.sum
+         << " box=" << boxText(f) << '\n';
+    }
+  });
 }
 
 }  // namespace vorn
