@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "OperatorTestSupport.hpp"
-#include "vorn/BoxRoi.hpp"
+#include "NeighbourhoodTestSupport.hpp"
 
 namespace {
 
@@ -151,17 +150,6 @@ TEST(GaussianSmoothing, MatchesReferenceNumbers) {
   // A radius of 12 on a line of 5 pixels.
   expectNear(smoothed(makeImage<float>({5}, {0, 10, 0, 5, 100}), "3"),
              {13.717761, 21.984679, 32.657944, 45.080553, 58.084809}, 1e-4);
-}
-
-boost::shared_ptr<vorn::BoxRoi> boxRoi(std::vector<long> start, std::vector<unsigned long> size) {
-  vorn::Box box(static_cast<unsigned int>(start.size()));
-  for (unsigned axis = 0; axis < start.size(); ++axis) {
-    box.m_start[axis] = start[axis];
-    box.m_size[axis] = size[axis];
-  }
-  boost::shared_ptr<vorn::BoxRoi> roi(new vorn::BoxRoi);
-  roi->setBox(box);
-  return roi;
 }
 
 // Inside the box clipped to the image the result is the full one, outside it is zero. The
