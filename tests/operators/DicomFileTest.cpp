@@ -16,6 +16,7 @@
 #include "TestOperators.hpp"
 #include "vorn/ImageObject.hpp"
 #include "vorn/operators/ImageFile.hpp"
+#include "vorn/operators/ImageFileReader.hpp"
 
 using vorn::ImageObject;
 using vorn::PixelType;
@@ -231,7 +232,11 @@ TEST(DicomFile, ReadsSeriesSortedAlongTheirNormal) {
   EXPECT_EQ(image->getOrigin(0), 7.0);
 
   writeSeries(folder, {0, 2, 2}, {0, 1, 2}, "1.2.826.0.1.7.9", "other");
-  const ImagePtr picked = readDicom(folder.path().string(), "1.2.826.0.1.7.9");
+  vorn::ImageFileReader reader;  // the operator passes its series parameter on
+  reader.setParameterValue("file", folder.path().string());
+  reader.setParameterValue("series", "1.2.826.0.1.7.9");
+  run(reader);
+  const ImagePtr picked = outputOf(reader);
   EXPECT_EQ(picked->getBufferedRegion().m_size[2], 3u);
   EXPECT_NEAR(picked->getSpacing(2), 2.0, 1e-5);
 }
