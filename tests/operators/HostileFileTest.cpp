@@ -81,6 +81,13 @@ TEST(HostileFile, IsRefusedNamingWhatIsWrongWithinASmallAddressSpace) {
        "claims 4611123094243246436 bytes, more than the 55 bytes of the gzip file can expand to"},
       {"nifti_gz_reader/hostile-gzip-ends-early.nii.gz",
        "the file ends after 1700 of the 983010 bytes of voxels its header claims"},
+      {"dicom_reader/hostile-element-claims-4gb.dcm",
+       "DICOM element (0009,1010) at byte 172 claims 4026531840 bytes, more than the 16 bytes "
+       "left in the file"},
+      {"dicom_reader/hostile-item-claims-2gb.dcm",
+       "DICOM item (fffe,e000) at byte 184 claims 2147483648 bytes, more than the 8 bytes"},
+      {"dicom_reader/hostile-rows-claim-8gb.dcm",
+       "claims 8589672450 bytes, more than the 306 bytes"},
   };
   for (const auto& c : cases) {
     const std::string path = std::string(VORN_FUZZ_CORPUS_DIR) + "/" + c.file;
