@@ -4,12 +4,12 @@
 set -euo pipefail
 
 packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
-  libpng-dev libnifti2-dev zlib1g-dev libtiff-dev libtbb-dev
+  libpng-dev libnifti2-dev zlib1g-dev libtiff-dev libtbb-dev libgdcm-dev
   python3-dev pybind11-dev python3-numpy python3-pytest python3-dask python3-distributed python3-zarr
   python3-venv python3-pip python3-setuptools python3-wheel python3-mypy ccache
   dpkg-dev file pkg-config graphviz doxygen
   clang libclang-rt-dev  # the libFuzzer programs, which test.sh builds
-  python3-tifffile python3-nibabel  # the real-file tests compare with what they read
+  python3-tifffile python3-nibabel python3-pydicom  # the real-file tests compare with what they read
   python3-skimage  # its sample photographs: the demo test runs on one
   python3-scipy  # the reference scripts/bench_scipy_*.py time vorn against
   python3-tornado chromium chromium-driver python3-selenium  # vorn.view and its browser test

@@ -113,11 +113,16 @@ void bindOperatorClasses(py::module_& m) {
 
 void bindFiles(py::module_& m) {
   py::register_exception<ImageFileError>(m, "ImageFileError", PyExc_OSError);
-  m.def("readImageFile", [](const std::string& path) {
-    boost::shared_ptr<ImageObject> image(new ImageObject);
-    readImageFile(path, *image);
-    return image;
-  });
+  m.def(
+      "readImageFile",
+      [](const std::string& path, const std::string& series) {
+        boost::shared_ptr<ImageObject> image(new ImageObject);
+        ImageReadOptions options;
+        options.series = series;
+        readImageFile(path, *image, options);
+        return image;
+      },
+      py::arg("path"), py::arg("series") = "");
   m.def("writeImageFile", &writeImageFile, py::arg("image"), py::arg("path"));
 }
 

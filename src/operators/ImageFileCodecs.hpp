@@ -90,6 +90,14 @@ void readMetaImageFile(const std::string& path, std::uint64_t fileSize,
                        const ImageReadOptions& options, ImageObject& image);
 void writeMetaImageFile(const ImageObject& image, const std::string& temporary,
                         const std::string& target);
+// DICOM (read only): one file, or a folder holding one series (the one options.series names
+// when it holds several).
+bool isDicomSignature(const unsigned char* head, std::size_t count);
+void readDicomFile(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,
+                   ImageObject& image);
+// Walks the element headers of a DICOM file, refusing it when a length it claims (nested ones
+// included) runs past its end; returns its transfer syntax UID.
+std::string requireDicomLengthsWithin(const std::string& path, std::uint64_t fileSize);
 
 // The writers create `temporary` anew; their errors name `target`, the file the user asked for.
 void writePngFile(const ImageObject& image, const std::string& temporary,

@@ -12,12 +12,15 @@ ImageFileReader::ImageFileReader() {
   setName("ImageFileReader");
   addOutput("ImageObject");
   addParameter(new Parameter("file", ""));
+  addParameter(new Parameter("series", ""));
 }
 
 void ImageFileReader::generateData() {
   const std::string file = getParameterValue("file");
   if (file.empty()) detail::throwBadParameter(*this, "file", file, "no file name given");
-  readImageFile(file, *detail::outputImage(*this, 0));
+  ImageReadOptions options;
+  options.series = getParameterValue("series");
+  readImageFile(file, *detail::outputImage(*this, 0), options);
 }
 
 }  // namespace vorn

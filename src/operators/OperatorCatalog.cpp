@@ -48,7 +48,8 @@ std::vector<OperatorInfo> buildCatalog() {
   return {
       {"read",
        "Reads an image file recognised by its content: " + detail::codecNames() + ".",
-       {{"file", "", "path of the image file"}},
+       {{"file", "", "path of the image file, or of a folder holding a DICOM series"},
+        {"series", "", "DICOM: Series Instance UID to read from a folder of several"}},
        0,
        1,
        &make<ImageFileReader>},

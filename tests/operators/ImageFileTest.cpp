@@ -348,7 +348,7 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
        "unsupported NIfTI data type"},
       {"offset.nii", niftiFile(far, four), "from byte 1000000000)"},
       {"missing.png", {}, "no such file"},
-      {"", {}, "not a regular file"},  // the folder itself
+      {"", {}, "holds no DICOM files"},  // the folder itself
   };
   ImagePtr image = makeImage<unsigned char>({2, 2}, {1, 2, 3, 4});
   const void* buffer = image->getBuffer();

@@ -1,7 +1,7 @@
 // vorn/operators/ImageFile.hpp
 //
-// Image files: reading PNG, NIfTI-1/2, TIFF, NRRD and MetaImage files into an ImageObject and
-// writing one back.
+// Image files: reading PNG, NIfTI-1/2, TIFF, NRRD, MetaImage and DICOM files into an
+// ImageObject and writing all but DICOM back.
 //
 //   vorn::ImageObject image;
 //   vorn::readImageFile("head.nii.gz", image);   // format taken from the bytes, not the name
@@ -32,6 +32,18 @@
 //   either byte order; spacing and origin kept. Written compressed and little-endian; a .nhdr
 //   or .mhd gets its data file beside it. A detached data file must be named relative to the
 //   header's folder, without "..".
+// - DICOM (read only; recognised by "DICM" at byte 128): a file, or a folder holding one series
+//   (files of other formats in it are ignored; ImageReadOptions::series picks one of several,
+//   by Series Instance UID). Slices are sorted along the normal of Image Orientation (Patient)
+//   by their Image Position (Patient) and must be evenly spaced (within 1% of the mean) and of
+//   one size; axis 2's spacing is the measured distance, axes 0 and 1 take Pixel Spacing's
+//   column and row spacing, the origin is the first slice's position (the orientation itself
+//   is dropped). A multi-frame file reads as a 3-D volume, frames Spacing Between Slices apart
+//   (1 without it). Rescale Slope/Intercept are applied: integral ones keep UCHAR (8-bit
+//   samples) or SHORT while the stored bits' range fits after the rescale, anything else reads
+//   as FLOAT. RGB reads as luma as for PNG, YBR_FULL as its Y. Any transfer syntax GDCM
+//   decodes (uncompressed, deflated, RLE, JPEG, JPEG-LS, JPEG 2000) except the retired
+//   big-endian one. At most 20000 folder entries and 10000 slices or frames.
 //
 // Sharp edges: readImageFile replaces the image's contents through ImageObject::import, so an
 // image that borrows its buffer (see ImageObject.hpp) follows import's rules.

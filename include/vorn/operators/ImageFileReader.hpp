@@ -7,6 +7,10 @@
 //   reader.setParameterValue("file", "head.nii.gz");
 //   reader.update();  // a file that cannot be read fails with std::ios_base::failure
 //
+// Parameters: `file` (no default), the path of the file, or of a folder read as one DICOM
+// series; `series` (default empty), the Series Instance UID to read from a DICOM folder that
+// holds several (empty: the folder's only one).
+//
 // A failed read leaves the output image as it was. An empty `file` is a bad parameter.
 #pragma once
 

@@ -83,6 +83,7 @@ std::vector<Codec> buildCodecs() {
        readMetaImageFile,
        writeMetaImageFile,
        false},
+      {"DICOM", {".dcm"}, isDicomSignature, readDicomFile, nullptr, true},
   };
 }
 
