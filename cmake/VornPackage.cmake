@@ -18,8 +18,8 @@ set(vorn_runtime "libvorn${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
 set(vorn_exact "${vorn_runtime} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${vorn_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# Found by dpkg-shlibdeps from what the libraries link: libpng, the NIfTI library, zlib, the C++
-# runtime.
+# Found by dpkg-shlibdeps from what the libraries link: libpng, libtiff, GDCM, the NIfTI
+# library, zlib, the C++ runtime.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvorn-dev)

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vorn/ImageObject.hpp"
@@ -95,9 +97,28 @@ void writeMetaImageFile(const ImageObject& image, const std::string& temporary,
 bool isDicomSignature(const unsigned char* head, std::size_t count);
 void readDicomFile(const std::string& path, std::uint64_t fileSize, const ImageReadOptions& options,
                    ImageObject& image);
-// Walks the element headers of a DICOM file, refusing it when a length it claims (nested ones
-// included) runs past its end; returns its transfer syntax UID.
-std::string requireDicomLengthsWithin(const std::string& path, std::uint64_t fileSize);
+// What a DICOM file's walk keeps: its transfer syntax UID, the raw values of its short
+// top-level elements of groups 0018, 0020 and 0028 (by tag, 0x00280010 for Rows), and where its
+// pixel data lies: one span (offset, bytes) when native, one per fragment when encapsulated
+// (the first being the offset table).
+struct DicomElements {
+  std::string syntax;
+  std::map<std::uint32_t, std::string> values;
+  bool hasPixels = false, encapsulated = false;
+  std::pair<std::uint64_t, std::uint64_t> pixels;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> fragments;
+};
+// Walks every element of a DICOM file, refusing it when a length it claims (nested ones
+// included) runs past its end, or when its transfer syntax is deflated or big-endian.
+DicomElements readDicomElements(const std::string& path, std::uint64_t fileSize);
+// One frame of DICOM RLE (its fragment) decoded into `out`: pixels x samples x sampleBytes bytes,
+// samples interleaved, little-endian. A malformed frame throws ImageFileError naming `path`.
+struct DicomRleLayout {
+  std::uint64_t pixels;
+  std::uint32_t samples, sampleBytes;
+};
+void decodeDicomRleFrame(const std::string& path, const std::vector<unsigned char>& fragment,
+                         const DicomRleLayout& layout, unsigned char* out);
 
 // The writers create `temporary` anew; their errors name `target`, the file the user asked for.
 void writePngFile(const ImageObject& image, const std::string& temporary,

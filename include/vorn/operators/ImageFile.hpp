@@ -42,8 +42,8 @@
 //   (1 without it). Rescale Slope/Intercept are applied: integral ones keep UCHAR (8-bit
 //   samples) or SHORT while the stored bits' range fits after the rescale, anything else reads
 //   as FLOAT. RGB reads as luma as for PNG, YBR_FULL as its Y. Any transfer syntax GDCM
-//   decodes (uncompressed, deflated, RLE, JPEG, JPEG-LS, JPEG 2000) except the retired
-//   big-endian one. At most 20000 folder entries and 10000 slices or frames.
+//   decodes (uncompressed, RLE, JPEG, JPEG-LS, JPEG 2000); the retired big-endian and the
+//   deflated syntaxes are refused. At most 20000 folder entries and 10000 slices or frames.
 //
 // Sharp edges: readImageFile replaces the image's contents through ImageObject::import, so an
 // image that borrows its buffer (see ImageObject.hpp) follows import's rules.

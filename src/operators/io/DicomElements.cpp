@@ -1,6 +1,9 @@
-// A walk over the element headers of a DICOM file, values skipped unread. GDCM allocates each
-// value at the length its header claims before reading it, so a file is only handed to GDCM
-// once every length it claims, nested ones included, fits in the bytes the file has.
+// A walk over the elements of a DICOM file, keeping the few top-level values the reader uses
+// and where the pixel data lies; everything else is skipped unread. vorn parses the file itself
+// rather than through GDCM's parser, which allocates each value at the length its header
+// claims and, as Debian builds it, aborts on malformed input through assertions; GDCM is
+// given only compressed pixel fragments to decode. Every length, nested ones included, must
+// fit in the bytes the file has.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -28,7 +31,7 @@ class ElementWalker {
   ElementWalker(const std::string& path, std::uint64_t size)
       : m_path(path), m_size(size), m_file(path, std::ios::binary) {}
 
-  std::string walk() {
+  DicomElements walk() {
     m_offset = 132;
     std::string syntax;
     while (m_offset + 8 <= m_size && peekGroup() == 0x0002) {
@@ -37,11 +40,13 @@ class ElementWalker {
       skipValue(h, true, 1);
     }
     syntax = syntax.substr(0, syntax.find_last_not_of(std::string(" \0", 2)) + 1);
-    if (syntax == "1.2.840.10008.1.2.1.99") return syntax;  // deflated: GDCM inflates it
+    if (syntax == "1.2.840.10008.1.2.1.99")
+      throw ImageFileError(m_path, "DICOM's deflated transfer syntax is not supported");
     if (syntax == "1.2.840.10008.1.2.2")
       throw ImageFileError(m_path, "DICOM's retired big-endian transfer syntax is not supported");
+    m_result.syntax = syntax;
     walkDataSet(m_size, syntax != "1.2.840.10008.1.2", 1);
-    return syntax;
+    return m_result;
   }
 
  private:
@@ -49,6 +54,7 @@ class ElementWalker {
   std::uint64_t m_size;
   std::ifstream m_file;
   std::uint64_t m_offset = 0;
+  DicomElements m_result;
 
   void readAt(std::uint64_t offset, unsigned char* out, std::size_t count) {
     if (offset + count > m_size ||
@@ -120,6 +126,24 @@ class ElementWalker {
     return text;
   }
 
+  // Keeps the short values of the groups the reader uses, and where the pixel data starts.
+  void keep(const Header& h) {
+    const std::uint32_t tag = std::uint32_t{h.group} << 16 | h.element;
+    if (tag == 0x7fe00010) {
+      m_result.hasPixels = true;
+      m_result.encapsulated = h.length == undefinedLength;
+      if (!m_result.encapsulated) m_result.pixels = {m_offset, h.length};
+      return;
+    }
+    const bool used = h.group == 0x0018 || h.group == 0x0020 || h.group == 0x0028;
+    if (!used || h.length > 1024) return;
+    requireWithin(m_path, "DICOM element " + name(h), h.length, m_size - m_offset,
+                  "left in the file");
+    std::string value(h.length, '\0');
+    readAt(m_offset, reinterpret_cast<unsigned char*>(value.data()), value.size());
+    m_result.values[tag] = value;
+  }
+
   // Whether a value of defined length is a sequence whose items GDCM parses.
   bool isSequence(const Header& h, bool explicitVr) {
     if (explicitVr) return std::memcmp(h.vr, "SQ", 2) == 0;
@@ -162,6 +186,7 @@ class ElementWalker {
                     "left in its sequence");
       const std::uint64_t itemEnd = m_offset + item.length;
       if (!fragments) walkDataSet(itemEnd, explicitVr, depth + 1);
+      if (fragments) m_result.fragments.push_back({m_offset, item.length});
       m_offset = itemEnd;
     }
   }
@@ -170,6 +195,7 @@ class ElementWalker {
   void walkDataSet(std::uint64_t end, bool explicitVr, int depth) {
     while (m_offset + 8 <= end) {  // a few bytes of trailing padding are no element
       const Header h = next(explicitVr);
+      if (depth == 1) keep(h);
       if (h.group == 0xfffe && h.element == 0xe00d) return;
       skipValue(h, explicitVr, depth);
     }
@@ -178,7 +204,7 @@ class ElementWalker {
 
 }  // namespace
 
-std::string requireDicomLengthsWithin(const std::string& path, std::uint64_t fileSize) {
+DicomElements readDicomElements(const std::string& path, std::uint64_t fileSize) {
   return ElementWalker(path, fileSize).walk();
 }
 

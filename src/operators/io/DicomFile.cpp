@@ -1,11 +1,9 @@
-// DICOM through GDCM: one file, or a folder holding one series, read as a volume. Every file's
-// header is read first (without its pixels) so that the whole series is checked, sorted and
-// its pixel type chosen before anything is allocated; then each file's pixels are decoded
-// straight into the volume.
+// DICOM: one file, or a folder holding one series, read as a volume. Every file's elements are
+// walked first (DicomElements.cpp, pixels unread) so that the whole series is checked, sorted
+// and its pixel type chosen before anything is allocated; then each file's pixels are read,
+// decoded (RLE here, the JPEG family by GDCM's codecs) and stored into the volume.
 #include <gdcmImage.h>
-#include <gdcmReader.h>
 #include <gdcmSequenceOfFragments.h>
-#include <gdcmTrace.h>
 
 #include <algorithm>
 #include <array>
@@ -36,6 +34,7 @@ constexpr std::uint64_t minimumCompressedBound = std::uint64_t{1} << 20;
 constexpr double spacingTolerance = 0.01;
 
 const gdcm::Tag pixelDataTag(0x7fe0, 0x0010);
+using Bytes = std::vector<unsigned char>;
 
 // What one file's header says, read before any of its pixels.
 struct Slice {
@@ -44,6 +43,7 @@ struct Slice {
   gdcm::TransferSyntax syntax;
   unsigned rows = 0, columns = 0, samples = 1, bitsAllocated = 0, bitsStored = 0, highBit = 0;
   bool isSigned = false, planar = false;
+  DicomElements elements;  // where the pixels lie
   std::vector<double> position, orientation, pixelSpacing, frameSpacing;
   double slope = 1.0, intercept = 0.0;
 };
@@ -55,17 +55,15 @@ std::string trimmed(std::string text) {
   return first == std::string::npos ? "" : text.substr(first);
 }
 
-std::string textOf(const gdcm::DataSet& set, const gdcm::Tag& tag) {
-  if (!set.FindDataElement(tag)) return "";
-  const gdcm::ByteValue* value = set.GetDataElement(tag).GetByteValue();
-  if (value == nullptr || value->GetPointer() == nullptr) return "";
-  return trimmed(std::string(value->GetPointer(), value->GetLength()));
+std::string textOf(const DicomElements& e, std::uint32_t tag) {
+  const auto found = e.values.find(tag);
+  return found == e.values.end() ? "" : trimmed(found->second);
 }
 
 // A backslash-separated decimal string; a value that is not a number reads as NaN.
-std::vector<double> numbersOf(const gdcm::DataSet& set, const gdcm::Tag& tag) {
+std::vector<double> numbersOf(const DicomElements& e, std::uint32_t tag) {
   std::vector<double> numbers;
-  const std::string text = textOf(set, tag);
+  const std::string text = textOf(e, tag);
   std::size_t start = 0;
   while (!text.empty() && start <= text.size()) {
     const std::size_t end = std::min(text.find('\\', start), text.size());
@@ -78,18 +76,16 @@ std::vector<double> numbersOf(const gdcm::DataSet& set, const gdcm::Tag& tag) {
   return numbers;
 }
 
-// An unsigned short as GDCM holds it (in native order); 0 when missing.
-unsigned shortOf(const gdcm::DataSet& set, const gdcm::Tag& tag) {
-  if (!set.FindDataElement(tag)) return 0;
-  const gdcm::ByteValue* value = set.GetDataElement(tag).GetByteValue();
-  if (value == nullptr || value->GetLength() < 2) return 0;
-  std::uint16_t number = 0;
-  std::memcpy(&number, value->GetPointer(), 2);
-  return number;
+// An unsigned short (little-endian, as both syntaxes read store it); `fallback` when missing.
+unsigned shortOf(const DicomElements& e, std::uint32_t tag, unsigned fallback = 0) {
+  const auto found = e.values.find(tag);
+  if (found == e.values.end() || found->second.size() < 2) return fallback;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(found->second.data());
+  return bytes[0] | unsigned{bytes[1]} << 8;
 }
 
-double numberOr(const gdcm::DataSet& set, const gdcm::Tag& tag, double fallback) {
-  const std::vector<double> numbers = numbersOf(set, tag);
+double numberOr(const DicomElements& e, std::uint32_t tag, double fallback) {
+  const std::vector<double> numbers = numbersOf(e, tag);
   return numbers.empty() ? fallback : numbers[0];
 }
 
@@ -106,8 +102,6 @@ void requireSupported(const Slice& s) {
   const bool bits = s.bitsAllocated == 8 || s.bitsAllocated == 16 || s.bitsAllocated == 32;
   const bool stored = s.bitsStored >= 1 && s.bitsStored <= s.bitsAllocated &&
                       s.highBit + 1 >= s.bitsStored && s.highBit < s.bitsAllocated;
-  if (s.syntax == gdcm::TransferSyntax::ExplicitVRBigEndian)
-    throw ImageFileError(s.path, "DICOM's retired big-endian transfer syntax is not supported");
   if (((gray && s.samples == 1) || (colour && s.samples == 3)) && bits && stored) return;
   throw ImageFileError(s.path, "DICOM " + describe(s) +
                                    " is not supported (gray MONOCHROME1/2 or RGB/YBR_FULL "
@@ -124,7 +118,6 @@ std::uint64_t frameBytes(const Slice& s) {
 
 // The most bytes of pixels `bytes` bytes of data in the slice's transfer syntax can give.
 std::uint64_t pixelBound(const Slice& s, std::uint64_t bytes) {
-  if (s.syntax == gdcm::TransferSyntax::DeflatedExplicitVRLittleEndian) return inflateBound(bytes);
   if (!s.syntax.IsEncapsulated()) return bytes;
   const std::uint64_t expansion =
       s.syntax == gdcm::TransferSyntax::RLELossless ? rleExpansion : jpegExpansion;
@@ -143,36 +136,39 @@ void requirePixelsWithin(const Slice& s, std::uint64_t bytes, const std::string&
   requireWithin(s.path, claim, claimed, pixelBound(s, bytes), where);
 }
 
-Slice sliceOf(const std::string& path, std::uint64_t fileSize, const gdcm::File& file) {
-  const gdcm::DataSet& set = file.GetDataSet();
+Slice sliceOf(const std::string& path, std::uint64_t fileSize, const DicomElements& e) {
   Slice s;
   s.path = path;
   s.fileSize = fileSize;
-  s.syntax = file.GetHeader().GetDataSetTransferSyntax();
-  s.series = textOf(set, gdcm::Tag(0x0020, 0x000e));
-  s.photometric = textOf(set, gdcm::Tag(0x0028, 0x0004));
-  s.samples = set.FindDataElement(gdcm::Tag(0x0028, 0x0002)) ? shortOf(set, {0x0028, 0x0002}) : 1;
-  s.rows = shortOf(set, gdcm::Tag(0x0028, 0x0010));
-  s.columns = shortOf(set, gdcm::Tag(0x0028, 0x0011));
-  s.bitsAllocated = shortOf(set, gdcm::Tag(0x0028, 0x0100));
-  s.bitsStored = shortOf(set, gdcm::Tag(0x0028, 0x0101));
-  s.highBit = shortOf(set, gdcm::Tag(0x0028, 0x0102));
-  s.isSigned = shortOf(set, gdcm::Tag(0x0028, 0x0103)) == 1;
-  s.planar = s.samples > 1 && shortOf(set, gdcm::Tag(0x0028, 0x0006)) == 1;
-  const double frames = numberOr(set, gdcm::Tag(0x0028, 0x0008), 1.0);
+  s.elements = e;
+  s.syntax = gdcm::TransferSyntax::GetTSType(e.syntax.c_str());
+  if (s.syntax == gdcm::TransferSyntax::TS_END || e.encapsulated != s.syntax.IsEncapsulated())
+    throw ImageFileError(path, "DICOM transfer syntax " + e.syntax + " is not supported" +
+                                   (e.encapsulated ? " for encapsulated pixel data" : ""));
+  s.series = textOf(e, 0x0020000e);
+  s.photometric = textOf(e, 0x00280004);
+  s.samples = shortOf(e, 0x00280002, 1);
+  s.rows = shortOf(e, 0x00280010);
+  s.columns = shortOf(e, 0x00280011);
+  s.bitsAllocated = shortOf(e, 0x00280100);
+  s.bitsStored = shortOf(e, 0x00280101);
+  s.highBit = shortOf(e, 0x00280102);
+  s.isSigned = shortOf(e, 0x00280103) == 1;
+  s.planar = s.samples > 1 && shortOf(e, 0x00280006) == 1;
+  const double frames = numberOr(e, 0x00280008, 1.0);
   if (!(frames >= 1.0 && frames <= static_cast<double>(maximumSlices)))
-    throw ImageFileError(path, "DICOM Number of Frames " + textOf(set, {0x0028, 0x0008}) +
+    throw ImageFileError(path, "DICOM Number of Frames " + textOf(e, 0x00280008) +
                                    " is not between 1 and " + std::to_string(maximumSlices));
   s.frames = static_cast<std::uint64_t>(frames);
-  s.position = numbersOf(set, gdcm::Tag(0x0020, 0x0032));
-  s.orientation = numbersOf(set, gdcm::Tag(0x0020, 0x0037));
-  s.pixelSpacing = numbersOf(set, gdcm::Tag(0x0028, 0x0030));
-  s.frameSpacing = numbersOf(set, gdcm::Tag(0x0018, 0x0088));
-  s.slope = numberOr(set, gdcm::Tag(0x0028, 0x1053), 1.0);
-  s.intercept = numberOr(set, gdcm::Tag(0x0028, 0x1052), 0.0);
+  s.position = numbersOf(e, 0x00200032);
+  s.orientation = numbersOf(e, 0x00200037);
+  s.pixelSpacing = numbersOf(e, 0x00280030);
+  s.frameSpacing = numbersOf(e, 0x00180088);
+  s.slope = numberOr(e, 0x00281053, 1.0);
+  s.intercept = numberOr(e, 0x00281052, 0.0);
   if (!std::isfinite(s.slope) || s.slope == 0.0 || !std::isfinite(s.intercept))
-    throw ImageFileError(path, "DICOM Rescale Slope " + textOf(set, {0x0028, 0x1053}) +
-                                   " and Intercept " + textOf(set, {0x0028, 0x1052}) +
+    throw ImageFileError(path, "DICOM Rescale Slope " + textOf(e, 0x00281053) + " and Intercept " +
+                                   textOf(e, 0x00281052) +
                                    " must be finite numbers, the slope not 0");
   if (s.rows == 0 || s.columns == 0)
     throw ImageFileError(path, "DICOM file without image pixels (Rows and Columns missing or 0)");
@@ -181,29 +177,10 @@ Slice sliceOf(const std::string& path, std::uint64_t fileSize, const gdcm::File&
   return s;
 }
 
-void silenceGdcm() {
-  static const bool silenced = [] {
-    gdcm::Trace::SetDebug(false);
-    gdcm::Trace::SetWarning(false);
-    gdcm::Trace::SetError(false);
-    return true;
-  }();
-  (void)silenced;
-}
-
 Slice readHeader(const std::string& path, std::uint64_t fileSize) {
-  silenceGdcm();
-  requireDicomLengthsWithin(path, fileSize);
-  gdcm::Reader reader;
-  reader.SetFileName(path.c_str());
-  bool read = false;
-  try {
-    read = reader.ReadUpToTag(pixelDataTag);
-  } catch (const std::exception& error) {
-    throw ImageFileError(path, std::string("bad DICOM header: ") + error.what());
-  }
-  if (!read) throw ImageFileError(path, "bad DICOM header");
-  return sliceOf(path, fileSize, reader.GetFile());
+  const DicomElements elements = readDicomElements(path, fileSize);
+  if (!elements.hasPixels) throw ImageFileError(path, "DICOM file without pixel data");
+  return sliceOf(path, fileSize, elements);
 }
 
 bool isDicomFile(const std::filesystem::path& path) {
@@ -393,17 +370,33 @@ void storeFrames(const unsigned char* data, const Slice& s, T* out) {
   }
 }
 
-std::uint64_t pixelBytesPresent(const gdcm::DataSet& set) {
-  if (!set.FindDataElement(pixelDataTag)) return 0;
-  const gdcm::DataElement& element = set.GetDataElement(pixelDataTag);
-  if (const gdcm::ByteValue* value = element.GetByteValue()) return value->GetLength();
-  const gdcm::SequenceOfFragments* fragments = element.GetSequenceOfFragments();
-  return fragments == nullptr ? 0 : fragments->ComputeByteLength();
+Bytes readSpan(std::ifstream& file, const std::pair<std::uint64_t, std::uint64_t>& span,
+               const std::string& path) {
+  Bytes bytes(span.second);
+  if (!file.seekg(static_cast<std::streamoff>(span.first))
+           .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(span.second)))
+    throw ImageFileError(path, "cannot read the DICOM pixel data");
+  return bytes;
 }
 
-// GDCM's codecs decode the pixels as the header already checked describes them; GDCM's own
-// reading of geometry and rescale is bypassed, as it asserts on values vorn refuses politely.
-gdcm::Image imageOf(const Slice& s, const gdcm::DataElement& pixels) {
+// The fragments as GDCM's codecs take them (the first one, the offset table, left out).
+gdcm::DataElement fragmentsOf(const Slice& s, std::ifstream& file) {
+  gdcm::SmartPointer<gdcm::SequenceOfFragments> sequence = new gdcm::SequenceOfFragments;
+  for (std::size_t k = 1; k < s.elements.fragments.size(); ++k) {
+    const Bytes bytes = readSpan(file, s.elements.fragments[k], s.path);
+    gdcm::Fragment fragment;
+    fragment.SetByteValue(reinterpret_cast<const char*>(bytes.data()),
+                          static_cast<std::uint32_t>(bytes.size()));
+    sequence->AddFragment(fragment);
+  }
+  gdcm::DataElement pixels(pixelDataTag);
+  pixels.SetValue(*sequence);
+  pixels.SetVLToUndefined();
+  return pixels;
+}
+
+// GDCM's codecs decode the fragments as the checked header describes them.
+Bytes decodeFragments(const Slice& s, std::ifstream& file, std::uint64_t bytes) {
   gdcm::Image image;
   image.SetNumberOfDimensions(s.frames > 1 ? 3 : 2);
   image.SetDimension(0, s.columns);
@@ -417,43 +410,61 @@ gdcm::Image imageOf(const Slice& s, const gdcm::DataElement& pixels) {
       gdcm::PhotometricInterpretation::GetPIType(s.photometric.c_str()));
   image.SetPlanarConfiguration(s.planar ? 1 : 0);
   image.SetTransferSyntax(s.syntax);
-  image.SetDataElement(pixels);
-  return image;
-}
-
-gdcm::DataElement readPixels(const Slice& s, gdcm::Reader& reader) {
-  reader.SetFileName(s.path.c_str());
-  bool read = false;
+  image.SetDataElement(fragmentsOf(s, file));
+  Bytes buffer(bytes);
+  bool decoded = image.GetBufferLength() == bytes;
   try {
-    read = reader.Read();
-  } catch (const std::exception& error) {
-    throw ImageFileError(s.path, std::string("bad DICOM file: ") + error.what());
-  }
-  const gdcm::DataSet& set = reader.GetFile().GetDataSet();
-  if (!read || !set.FindDataElement(pixelDataTag))
-    throw ImageFileError(s.path, "bad DICOM file: its pixel data cannot be read");
-  requirePixelsWithin(s, pixelBytesPresent(set), "of pixel data in the file");
-  return set.GetDataElement(pixelDataTag);
-}
-
-// Decodes the slice's pixels and stores them, rescaled, at `out`.
-void decodeSlice(const Slice& s, PixelType::Type type, void* out) {
-  gdcm::Reader reader;
-  const gdcm::Image image = imageOf(s, readPixels(s, reader));
-  std::vector<char> buffer(frameBytes(s) * s.frames);
-  bool decoded = image.GetBufferLength() == buffer.size();
-  try {
-    decoded = decoded && image.GetBuffer(buffer.data());
+    decoded = decoded && image.GetBuffer(reinterpret_cast<char*>(buffer.data()));
   } catch (const std::exception&) {
     decoded = false;
   }
   if (!decoded)
     throw ImageFileError(
         s.path, std::string("cannot decode the DICOM pixel data (") + s.syntax.GetString() + ")");
-  const auto* data = reinterpret_cast<const unsigned char*>(buffer.data());
-  if (type == PixelType::UCHAR) storeFrames(data, s, static_cast<unsigned char*>(out));
-  if (type == PixelType::SHORT) storeFrames(data, s, static_cast<short*>(out));
-  if (type == PixelType::FLOAT) storeFrames(data, s, static_cast<float*>(out));
+  return buffer;
+}
+
+std::uint64_t pixelBytesPresent(const Slice& s) {
+  if (!s.elements.encapsulated) return s.elements.pixels.second;
+  std::uint64_t bytes = 0;
+  for (std::size_t k = 1; k < s.elements.fragments.size(); ++k)
+    bytes += s.elements.fragments[k].second;
+  return bytes;
+}
+
+// One fragment per frame, as the RLE syntax requires.
+Bytes decodeRle(const Slice& s, std::ifstream& file, std::uint64_t bytes) {
+  const std::vector<std::pair<std::uint64_t, std::uint64_t>>& fragments = s.elements.fragments;
+  if (fragments.size() != s.frames + 1)
+    throw ImageFileError(s.path, "DICOM RLE pixel data of " + std::to_string(fragments.size() - 1) +
+                                     " fragments for " + std::to_string(s.frames) + " frames");
+  Bytes buffer(bytes);
+  const DicomRleLayout layout = {std::uint64_t{s.rows} * s.columns, s.samples, s.bitsAllocated / 8};
+  for (std::uint64_t f = 0; f < s.frames; ++f)
+    decodeDicomRleFrame(s.path, readSpan(file, fragments[f + 1], s.path), layout,
+                        buffer.data() + f * frameBytes(s));
+  return buffer;
+}
+
+// Decodes the slice's pixels and stores them, rescaled, at `out`.
+void decodeSlice(const Slice& s, PixelType::Type type, void* out) {
+  requirePixelsWithin(s, pixelBytesPresent(s), "of pixel data in the file");
+  std::ifstream file(s.path, std::ios::binary);
+  const std::uint64_t bytes = frameBytes(s) * s.frames;
+  const bool rle = s.syntax == gdcm::TransferSyntax::RLELossless;
+  Bytes data;
+  if (rle) {
+    data = decodeRle(s, file, bytes);
+  } else if (s.elements.encapsulated) {
+    data = decodeFragments(s, file, bytes);
+  } else {
+    data = readSpan(file, {s.elements.pixels.first, bytes}, s.path);
+  }
+  Slice layout = s;
+  layout.planar = s.planar && !rle;  // RLE decodes to interleaved samples
+  if (type == PixelType::UCHAR) storeFrames(data.data(), layout, static_cast<unsigned char*>(out));
+  if (type == PixelType::SHORT) storeFrames(data.data(), layout, static_cast<short*>(out));
+  if (type == PixelType::FLOAT) storeFrames(data.data(), layout, static_cast<float*>(out));
 }
 
 void setGeometry(const std::vector<Slice>& slices, double sliceSpacing, ImageObject& image) {
