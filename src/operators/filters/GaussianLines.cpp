@@ -38,10 +38,11 @@ std::vector<Pass> plan(const std::vector<LineKernel>& kernels, const Layout& ima
 
 // row[i] = w[0] * centre[i] + the sum over k of w[k] times the two samples k taps away, added
 // (even kernel) or after minus before (odd), a tap being `tap` floats. Loops over i innermost
-// so that they vectorise; two taps per sweep halve the loads and stores of the row.
+// so that they vectorise; two taps per sweep halve the loads and stores of the row. Inlined
+// into one function per kernel kind, as clang cannot clone a template per vector unit.
 template <bool Odd>
-VORN_WIDEST_VECTORS void applyKernel(const float* centre, long tap, float* row, long width,
-                                     const std::vector<float>& w) {
+[[gnu::always_inline]] inline void applyKernel(const float* centre, long tap, float* row,
+                                               long width, const std::vector<float>& w) {
   constexpr float sign = Odd ? -1.0f : 1.0f;
   const long taps = static_cast<long>(w.size());
   const float* weights = w.data();
@@ -65,11 +66,21 @@ VORN_WIDEST_VECTORS void applyKernel(const float* centre, long tap, float* row, 
   }
 }
 
+VORN_WIDEST_VECTORS void applyOddKernel(const float* centre, long tap, float* row, long width,
+                                        const std::vector<float>& w) {
+  applyKernel<true>(centre, tap, row, width, w);
+}
+
+VORN_WIDEST_VECTORS void applyEvenKernel(const float* centre, long tap, float* row, long width,
+                                         const std::vector<float>& w) {
+  applyKernel<false>(centre, tap, row, width, w);
+}
+
 void apply(const Pass& pass, const float* centre, long tap, float* row, long width) {
   if (pass.kernel.odd) {
-    applyKernel<true>(centre, tap, row, width, pass.kernel.weights);
+    applyOddKernel(centre, tap, row, width, pass.kernel.weights);
   } else {
-    applyKernel<false>(centre, tap, row, width, pass.kernel.weights);
+    applyEvenKernel(centre, tap, row, width, pass.kernel.weights);
   }
 }
 
