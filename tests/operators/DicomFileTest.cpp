@@ -24,7 +24,7 @@ using vorn::PixelType;
 namespace {
 
 // One DICOM file; the pixels are given as stored, little-endian.
-struct DicomSpec {
+struct DicomSample {
   std::vector<std::uint16_t> pixels;
   unsigned bits = 16, stored = 16, isSigned = 0, columns = 2, rows = 2, frames = 1;
   std::string slope, intercept;  // empty: absent
@@ -32,17 +32,17 @@ struct DicomSpec {
   std::string orientation = "1\\0\\0\\0\\1\\0", photometric = "MONOCHROME2";
 };
 
-DicomSpec gray(std::vector<std::uint16_t> pixels, unsigned bits = 16, unsigned stored = 16,
-               unsigned isSigned = 0, const std::string& slope = "",
-               const std::string& intercept = "") {
-  DicomSpec spec;
-  spec.pixels = std::move(pixels);
-  spec.bits = bits;
-  spec.stored = stored;
-  spec.isSigned = isSigned;
-  spec.slope = slope;
-  spec.intercept = intercept;
-  return spec;
+DicomSample gray(std::vector<std::uint16_t> pixels, unsigned bits = 16, unsigned stored = 16,
+                 unsigned isSigned = 0, const std::string& slope = "",
+                 const std::string& intercept = "") {
+  DicomSample sample;
+  sample.pixels = std::move(pixels);
+  sample.bits = bits;
+  sample.stored = stored;
+  sample.isSigned = isSigned;
+  sample.slope = slope;
+  sample.intercept = intercept;
+  return sample;
 }
 
 void put(gdcm::DataSet& set, std::uint16_t group, std::uint16_t element, gdcm::VR vr,
@@ -59,16 +59,16 @@ void putShort(gdcm::DataSet& set, std::uint16_t element, unsigned value) {
   put(set, 0x0028, element, gdcm::VR::US, std::string(reinterpret_cast<const char*>(&number), 2));
 }
 
-std::string storedBytes(const DicomSpec& spec) {
+std::string storedBytes(const DicomSample& sample) {
   std::string bytes;
-  for (std::uint16_t value : spec.pixels) {
+  for (std::uint16_t value : sample.pixels) {
     bytes += static_cast<char>(value & 0xff);
-    if (spec.bits == 16) bytes += static_cast<char>(value >> 8);
+    if (sample.bits == 16) bytes += static_cast<char>(value >> 8);
   }
   return bytes;
 }
 
-void writeDicom(const std::string& path, const DicomSpec& spec) {
+void writeDicom(const std::string& path, const DicomSample& sample) {
   static int instance = 0;
   gdcm::Writer writer;
   writer.GetFile().GetHeader().SetDataSetTransferSyntax(
@@ -76,25 +76,25 @@ void writeDicom(const std::string& path, const DicomSpec& spec) {
   gdcm::DataSet& set = writer.GetFile().GetDataSet();
   put(set, 0x0008, 0x0016, gdcm::VR::UI, "1.2.840.10008.5.1.4.1.1.4");
   put(set, 0x0008, 0x0018, gdcm::VR::UI, "1.2.826.0.1.7.2." + std::to_string(++instance));
-  put(set, 0x0020, 0x000e, gdcm::VR::UI, spec.series);
-  put(set, 0x0020, 0x0032, gdcm::VR::DS, spec.position);
-  put(set, 0x0020, 0x0037, gdcm::VR::DS, spec.orientation);
+  put(set, 0x0020, 0x000e, gdcm::VR::UI, sample.series);
+  put(set, 0x0020, 0x0032, gdcm::VR::DS, sample.position);
+  put(set, 0x0020, 0x0037, gdcm::VR::DS, sample.orientation);
   put(set, 0x0028, 0x0030, gdcm::VR::DS, "0.5\\0.25");
-  if (spec.frames > 1) put(set, 0x0028, 0x0008, gdcm::VR::IS, std::to_string(spec.frames));
-  if (spec.frames > 1) put(set, 0x0018, 0x0088, gdcm::VR::DS, "2.5");
-  if (!spec.slope.empty()) put(set, 0x0028, 0x1053, gdcm::VR::DS, spec.slope);
-  if (!spec.intercept.empty()) put(set, 0x0028, 0x1052, gdcm::VR::DS, spec.intercept);
-  const bool rgb = spec.photometric == "RGB";
+  if (sample.frames > 1) put(set, 0x0028, 0x0008, gdcm::VR::IS, std::to_string(sample.frames));
+  if (sample.frames > 1) put(set, 0x0018, 0x0088, gdcm::VR::DS, "2.5");
+  if (!sample.slope.empty()) put(set, 0x0028, 0x1053, gdcm::VR::DS, sample.slope);
+  if (!sample.intercept.empty()) put(set, 0x0028, 0x1052, gdcm::VR::DS, sample.intercept);
+  const bool rgb = sample.photometric == "RGB";
   putShort(set, 0x0002, rgb ? 3 : 1);
   if (rgb) putShort(set, 0x0006, 0);
-  put(set, 0x0028, 0x0004, gdcm::VR::CS, spec.photometric);
-  putShort(set, 0x0010, spec.rows);
-  putShort(set, 0x0011, spec.columns);
-  putShort(set, 0x0100, spec.bits);
-  putShort(set, 0x0101, spec.stored);
-  putShort(set, 0x0102, spec.stored - 1);
-  putShort(set, 0x0103, spec.isSigned);
-  put(set, 0x7fe0, 0x0010, spec.bits == 8 ? gdcm::VR::OB : gdcm::VR::OW, storedBytes(spec));
+  put(set, 0x0028, 0x0004, gdcm::VR::CS, sample.photometric);
+  putShort(set, 0x0010, sample.rows);
+  putShort(set, 0x0011, sample.columns);
+  putShort(set, 0x0100, sample.bits);
+  putShort(set, 0x0101, sample.stored);
+  putShort(set, 0x0102, sample.stored - 1);
+  putShort(set, 0x0103, sample.isSigned);
+  put(set, 0x7fe0, 0x0010, sample.bits == 8 ? gdcm::VR::OB : gdcm::VR::OW, storedBytes(sample));
   writer.SetFileName(path.c_str());
   ASSERT_TRUE(writer.Write()) << path;
 }
@@ -134,14 +134,14 @@ ImagePtr readDicom(const std::string& path, const std::string& series = "") {
 TEST(DicomFile, ReadsSingleFilesByTheTypeRule) {
   TempFolder folder;
   const auto SHORT = PixelType::SHORT, FLOAT = PixelType::FLOAT, UCHAR = PixelType::UCHAR;
-  DicomSpec ct = gray({0, 4095, 0x2000 | 1024, 5}, 16, 12);  // bit 13: an overlay, not the value
+  DicomSample ct = gray({0, 4095, 0x2000 | 1024, 5}, 16, 12);  // bit 13: an overlay, not the value
   ct.slope = "1";
   ct.intercept = "-1024";
-  DicomSpec frames = gray({1, 2, 3, 4, 5, 6, 7, 8}, 8, 8);
+  DicomSample frames = gray({1, 2, 3, 4, 5, 6, 7, 8}, 8, 8);
   frames.frames = 2;
   const struct {
     std::string name;
-    DicomSpec spec;
+    DicomSample sample;
     bool rle;
     PixelType::Type type;
     std::vector<double> expected;
@@ -166,15 +166,15 @@ TEST(DicomFile, ReadsSingleFilesByTheTypeRule) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string path = folder.file(c.name + ".dcm");
-    writeDicom(path, c.spec);
+    writeDicom(path, c.sample);
     if (c.rle) compressRle(path);
     const ImagePtr image = readDicom(path);
     EXPECT_EQ(image->getPointType(), c.type);
     EXPECT_EQ(valuesOf(*image), c.expected);
-    EXPECT_EQ(image->getDimension(), c.spec.frames > 1 ? 3u : 2u);
+    EXPECT_EQ(image->getDimension(), c.sample.frames > 1 ? 3u : 2u);
     EXPECT_EQ(image->getSpacing(0), 0.25);
     EXPECT_EQ(image->getSpacing(1), 0.5);
-    if (c.spec.frames > 1) {
+    if (c.sample.frames > 1) {
       EXPECT_EQ(image->getSpacing(2), 2.5);
     }
     EXPECT_EQ(image->getOrigin(1), 20.0);
@@ -184,7 +184,7 @@ TEST(DicomFile, ReadsSingleFilesByTheTypeRule) {
 // Tests that RGB reads as its rounded luma: 0.299 R + 0.587 G + 0.114 B by hand.
 TEST(DicomFile, ReadsColourAsLuma) {
   TempFolder folder;
-  DicomSpec rgb = gray({255, 0, 0, 100, 150, 200}, 8, 8);
+  DicomSample rgb = gray({255, 0, 0, 100, 150, 200}, 8, 8);
   rgb.photometric = "RGB";
   rgb.columns = 2;
   rgb.rows = 1;
@@ -207,12 +207,12 @@ void writeSeries(const TempFolder& folder, const std::vector<double>& gaps,
   for (double gap : gaps) positions.push_back(along += gap);
   for (std::size_t i = 0; i < onDisk.size(); ++i) {
     const int k = onDisk[i];
-    DicomSpec spec = gray(std::vector<std::uint16_t>(4, static_cast<std::uint16_t>(k)));
-    spec.series = series;
-    spec.orientation = "1\\0\\0\\0\\" + std::to_string(c) + "\\" + std::to_string(s);
+    DicomSample sample = gray(std::vector<std::uint16_t>(4, static_cast<std::uint16_t>(k)));
+    sample.series = series;
+    sample.orientation = "1\\0\\0\\0\\" + std::to_string(c) + "\\" + std::to_string(s);
     const double d = positions[static_cast<std::size_t>(k)];
-    spec.position = "7\\" + std::to_string(-s * d) + "\\" + std::to_string(c * d);
-    writeDicom(folder.file(prefix + std::to_string(i)), spec);
+    sample.position = "7\\" + std::to_string(-s * d) + "\\" + std::to_string(c * d);
+    writeDicom(folder.file(prefix + std::to_string(i)), sample);
   }
 }
 
@@ -279,7 +279,7 @@ TEST(DicomFile, RefusesWhatCannotFormAVolume) {
       {"mixed sizes",
        [](const TempFolder& f) {
          writeSeries(f, {0, 2}, {0, 1});
-         DicomSpec wide = gray({1, 2, 3, 4, 5, 6});
+         DicomSample wide = gray({1, 2, 3, 4, 5, 6});
          wide.columns = 3;
          writeDicom(f.file("wide"), wide);
        },
@@ -314,10 +314,10 @@ TEST(DicomFile, RefusesBrokenFiles) {
   Bytes truncated = readBytes(good);
   truncated.resize(truncated.size() - 3);
   writeBytes(folder.file("truncated.dcm"), truncated);
-  DicomSpec huge = gray({1, 2, 3, 4});
+  DicomSample huge = gray({1, 2, 3, 4});
   huge.rows = huge.columns = 60000;
   writeDicom(folder.file("huge.dcm"), huge);
-  DicomSpec flat = gray({1, 2, 3, 4});
+  DicomSample flat = gray({1, 2, 3, 4});
   flat.slope = "0";
   writeDicom(folder.file("flat.dcm"), flat);
   const auto refuses = [&](const std::string& name, std::initializer_list<std::string> parts) {

@@ -101,38 +101,38 @@ TEST(ImageFileCodecs, RoundTripsEveryTypeAndDimension) {
 namespace {
 
 // How a TIFF test file is laid out; the pixels are given as the file holds them.
-struct TiffSpec {
+struct TiffLayout {
   unsigned bits, format, samples, photometric, compression;
   bool tiled, big;
   int pages;
 };
 
-Bytes tiffOf(const std::string& path, const TiffSpec& spec, std::uint32_t width,
+Bytes tiffOf(const std::string& path, const TiffLayout& layout, std::uint32_t width,
              std::uint32_t height, const Bytes& pixels,
              const std::vector<std::uint16_t>& map = {}) {
-  TIFF* tiff = TIFFOpen(path.c_str(), spec.big ? "w8" : "w");
-  const std::size_t rowBytes = width * spec.samples * spec.bits / 8;
-  for (int page = 0; page < spec.pages; ++page) {
+  TIFF* tiff = TIFFOpen(path.c_str(), layout.big ? "w8" : "w");
+  const std::size_t rowBytes = width * layout.samples * layout.bits / 8;
+  for (int page = 0; page < layout.pages; ++page) {
     TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
     TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
-    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, spec.samples);
-    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, spec.bits);
-    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, spec.format);
-    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, spec.photometric);
+    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, layout.samples);
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, layout.bits);
+    TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, layout.format);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, layout.photometric);
     TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(tiff, TIFFTAG_COMPRESSION, spec.compression);
+    TIFFSetField(tiff, TIFFTAG_COMPRESSION, layout.compression);
     if (!map.empty())
       TIFFSetField(tiff, TIFFTAG_COLORMAP, map.data(), map.data() + 256, map.data() + 512);
-    if (spec.samples == 4) {
+    if (layout.samples == 4) {
       const std::uint16_t alpha = EXTRASAMPLE_UNASSALPHA;
       TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &alpha);
     }
-    if (spec.tiled) {  // one 16 x 16 tile, cut to the image
+    if (layout.tiled) {  // one 16 x 16 tile, cut to the image
       TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
       TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
-      Bytes tile(16 * 16 * spec.samples * spec.bits / 8, 0);
+      Bytes tile(16 * 16 * layout.samples * layout.bits / 8, 0);
       for (std::uint32_t y = 0; y < height; ++y) {
-        std::memcpy(tile.data() + y * 16 * spec.samples * spec.bits / 8, &pixels[y * rowBytes],
+        std::memcpy(tile.data() + y * 16 * layout.samples * layout.bits / 8, &pixels[y * rowBytes],
                     rowBytes);
       }
       TIFFWriteTile(tiff, tile.data(), 0, 0, 0, 0);
@@ -164,7 +164,7 @@ TEST(ImageFileCodecs, ReadsTiffOfEveryKind) {
   const auto UCHAR = PixelType::UCHAR, SHORT = PixelType::SHORT, FLOAT = PixelType::FLOAT;
   const struct {
     std::string name;
-    TiffSpec spec;
+    TiffLayout layout;
     Bytes pixels;
     PixelType::Type type;
     std::vector<double> expected;
@@ -228,10 +228,10 @@ TEST(ImageFileCodecs, ReadsTiffOfEveryKind) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string path = folder.file(c.name + ".tif");
-    tiffOf(path, c.spec, 2, 1, c.pixels, c.map);
+    tiffOf(path, c.layout, 2, 1, c.pixels, c.map);
     const ImagePtr image = readFile(path);
     EXPECT_EQ(image->getPointType(), c.type);
-    EXPECT_EQ(image->getDimension(), c.spec.pages > 1 ? 3u : 2u);
+    EXPECT_EQ(image->getDimension(), c.layout.pages > 1 ? 3u : 2u);
     EXPECT_EQ(valuesOf(*image), c.expected);
   }
 }
@@ -342,9 +342,9 @@ TEST(ImageFileCodecs, RefusesMutilatedFilesNamingTheFault) {
   };
   const std::size_t nrrdSize = readBytes(folder.file("good.nrrd")).size();
   const std::size_t metaSize = readBytes(folder.file("good.mha")).size();
-  const TiffSpec grayPages = {
+  const TiffLayout grayPages = {
       8, SAMPLEFORMAT_UINT, 1, PHOTOMETRIC_MINISBLACK, COMPRESSION_NONE, false, false, 2};
-  const TiffSpec oneBit = {
+  const TiffLayout oneBit = {
       1, SAMPLEFORMAT_UINT, 1, PHOTOMETRIC_MINISBLACK, COMPRESSION_NONE, false, false, 1};
   // Width and height of the first page (its first two IFD entries, SHORT values) made 60000.
   Bytes lyingTiff = tiffOf(folder.file("lying.tif"), grayPages, 4, 4, Bytes(16, 7));
