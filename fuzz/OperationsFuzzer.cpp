@@ -20,7 +20,7 @@ constexpr int kMaxSteps = 400;  // keeps one input fast whatever its length
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static CoutDiscard silence;
   if (size == 0) return 0;
-  graphops::ByteChooser chooser(data + 1, size - 1);
+  graphops::Chooser chooser(data + 1, size - 1);
   graphops::World world(chooser, (data[0] & 1) == 0);
   for (int step = 0; step < kMaxSteps && !chooser.exhausted(); ++step) {
     world.step();

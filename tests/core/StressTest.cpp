@@ -21,7 +21,7 @@ constexpr int kStepsPerRound = 300;
 // Runs one round from a fresh world; the first broken invariant, or empty. Adds the round's
 // step counts to `tally`.
 std::string runRound(std::uint32_t seed, bool wellFormed, std::map<std::string, unsigned>& tally) {
-  graphops::SeededChooser chooser(seed);
+  graphops::Chooser chooser(seed);
   graphops::World world(chooser, wellFormed);
   for (int step = 0; step < kStepsPerRound; ++step) {
     world.step();

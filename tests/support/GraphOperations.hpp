@@ -1,34 +1,19 @@
-// GraphOperations: random operations on a small graph of operators and nested pipelines, and
-// the invariants that must hold after every one of them, checked through the public API only.
-// Shared by the stress test (choices from a seeded generator) and the operations fuzz target
-// (choices from the fuzzer's bytes).
-//
-//   graphops::SeededChooser chooser(42);
-//   graphops::World world(chooser, /*wellFormed=*/true);
-//   for (int i = 0; i < 100; ++i) {
-//     world.step();
-//     if (!world.check().empty()) ...;   // the first broken invariant, in words
-//   }
-//
-// A well-formed world wires only what a client following the pipeline rules would: an input
-// reads a port of its own scope (an output of an operator with the same parent, or an input of
-// that parent pipeline), and operators move between pipelines only once disconnected. There,
-// an operator that is validated must read up-to-date data. A wild world wires anything the API
-// accepts and is checked for the structural invariants only.
-//
-// Sharp edges: the repercussion switch is process-wide; World puts it back on when destroyed.
-// The core writes to std::cout; callers silence it (see CoutDiscard.hpp).
+// GraphOperations: random steps on a small graph of operators and nested pipelines, and the
+// invariants that hold after each, checked through the public API. Shared by the stress test
+// and the operations fuzz target. A well-formed world wires only what a client following the
+// pipeline rules would (an input reads a port of its own scope; operators change pipelines only
+// once disconnected), and there a validated operator must read up-to-date data; a wild world
+// wires anything the API accepts. The repercussion switch is process-wide: World turns it back
+// on when destroyed. Callers silence std::cout.
 #pragma once
 
 #include <algorithm>
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <ios>
 #include <map>
-#include <ostream>
 #include <random>
 #include <set>
 #include <stdexcept>
@@ -36,69 +21,44 @@
 #include <vector>
 
 #include <boost/make_shared.hpp>
-#include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include "vorn/BasePipeline.hpp"
-#include "vorn/Box.hpp"
 #include "vorn/BoxRoi.hpp"
-#include "vorn/DataObject.hpp"
 #include "vorn/IObserver.hpp"
 #include "vorn/ImageObject.hpp"
 #include "vorn/MaskRoi.hpp"
 #include "vorn/Parameter.hpp"
-#include "vorn/PixelType.hpp"
-#include "vorn/Port.hpp"
 #include "vorn/PortProxy.hpp"
-#include "vorn/ProcessObject.hpp"
 #include "vorn/Repercussion.hpp"
 
 namespace graphops {
 
-// Where the random choices come from.
+// Where the random choices come from: a seeded generator, or the fuzzer's bytes, one per choice
+// (once they run out every choice is 0 and exhausted() is true).
 class Chooser {
  public:
-  virtual ~Chooser() = default;
-  // A number below `count`; 0 when count is 0 or 1.
-  virtual unsigned below(unsigned count) = 0;
-  bool percent(unsigned chance) { return below(100) < chance; }
-};
-
-class SeededChooser : public Chooser {
- public:
-  explicit SeededChooser(std::uint32_t seed) : m_engine(seed) {}
-  // A plain modulo: the distributions of <random> differ between standard libraries.
-  unsigned below(unsigned count) override {
-    return count <= 1 ? 0 : static_cast<unsigned>(m_engine() % count);
-  }
-
- private:
-  std::mt19937 m_engine;
-};
-
-// Reads one byte per choice; once the bytes run out every choice is 0 and exhausted() is true.
-class ByteChooser : public Chooser {
- public:
-  ByteChooser(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
-  unsigned below(unsigned count) override {
+  explicit Chooser(std::uint32_t seed) : m_engine(seed) {}
+  Chooser(const std::uint8_t* data, std::size_t size) : m_data(data), m_size(size) {}
+  // A number below `count`, 0 when it is 0 or 1; a plain modulo, as the distributions of
+  // <random> differ between standard libraries.
+  unsigned below(unsigned count) {
     if (count <= 1) return 0;
-    if (m_position >= m_size) {
-      m_exhausted = true;
-      return 0;
-    }
-    return m_data[m_position++] % count;
+    if (m_data == nullptr) return static_cast<unsigned>(m_engine() % count);
+    m_exhausted = m_exhausted || m_position >= m_size;
+    return m_exhausted ? 0 : m_data[m_position++] % count;
   }
+  bool percent(unsigned chance) { return below(100) < chance; }
   bool exhausted() const { return m_exhausted; }
 
  private:
-  const std::uint8_t* m_data;
-  std::size_t m_size;
-  std::size_t m_position = 0;
+  std::mt19937 m_engine;
+  const std::uint8_t* m_data = nullptr;
+  std::size_t m_size = 0, m_position = 0;
   bool m_exhausted = false;
 };
 
-// An operator with image ports whose computation reads its inputs' pixels and writes a small
-// image of `size` pixels on each output, or throws when its parameter `fail` is "1".
+// Reads its inputs' pixels and writes `size` pixels on each output, or throws when `fail` is 1.
 class StressOperator : public vorn::ProcessObject {
  public:
   StressOperator(const std::string& name, unsigned inputs, unsigned outputs) {
@@ -112,46 +72,35 @@ class StressOperator : public vorn::ProcessObject {
   void generateData() override {
     if (getParameterValue("fail") == "1") throw std::runtime_error("asked to fail");
     unsigned sum = 0;
-    for (unsigned i = 0; getInputPort(i) != nullptr; ++i) sum += readPixels(i);
-    const unsigned long size = std::stoul(getParameterValue("size"));
-    for (unsigned o = 0; getOutputPort(o) != nullptr; ++o) writePixels(o, size, sum);
+    for (unsigned i = 0; getInputPort(i) != nullptr; ++i) {
+      const auto image = boost::dynamic_pointer_cast<vorn::ImageObject>(getInputPort(i)->getData());
+      if (!image || image->getBuffer() == nullptr) continue;
+      const auto* bytes = static_cast<const unsigned char*>(image->getBuffer());
+      const auto count = image->getPixelNumber() * vorn::getSizeOf(image->getPointType());
+      for (unsigned long b = 0; b < count; ++b) sum += bytes[b];
+    }
+    for (unsigned o = 0; getOutputPort(o) != nullptr; ++o) write(o, sum);
   }
 
  private:
-  unsigned readPixels(unsigned input) {
-    const auto image =
-        boost::dynamic_pointer_cast<vorn::ImageObject>(getInputPort(input)->getData());
-    if (!image || image->getBuffer() == nullptr) return 0;
-    const auto* bytes = static_cast<const unsigned char*>(image->getBuffer());
-    const unsigned long count = image->getPixelNumber() * vorn::getSizeOf(image->getPointType());
-    unsigned sum = 0;
-    for (unsigned long i = 0; i < count; ++i) sum += bytes[i];
-    return sum;
-  }
-
-  void writePixels(unsigned output, unsigned long size, unsigned sum) {
+  void write(unsigned output, unsigned sum) {
     const auto image =
         boost::dynamic_pointer_cast<vorn::ImageObject>(getOutputPort(output)->getData());
     if (!image) return;
     // The region a computation is asked for must be readable whatever it is.
     if (image->m_regionOfInterest) (void)image->m_regionOfInterest->getBoundingBox().volume();
     vorn::Box box(1);
-    box.m_size[0] = size;
+    box.m_size[0] = std::stoul(getParameterValue("size"));
     image->Allocate(vorn::PixelType::UCHAR, box);
-    if (size > 0) std::memset(image->getBuffer(), static_cast<int>(sum & 0xff), size);
+    if (box.m_size[0] > 0) std::memset(image->getBuffer(), sum & 0xff, box.m_size[0]);
   }
 };
 
-// An observer that, when armed, attaches or detaches an observer on the operator that notifies
-// it next, once: changes to the observer set from inside a notification.
+// When armed, changes the observers of the operator that notifies it next, once.
 class StressObserver : public vorn::IObserver {
  public:
   enum class Plan { None, DetachSelf, AttachOther, DetachOther };
-
-  void arm(Plan plan, StressObserver* other) {
-    m_plan = plan;
-    m_other = other;
-  }
+  void arm(Plan plan, StressObserver* other) { m_plan = plan, m_other = other; }
   void onDataHasBeenGenerated(vorn::ProcessObject* op) override { react(op); }
   void onStartComputingData(vorn::ProcessObject* op) override { react(op); }
   void onInvalidated(vorn::ProcessObject* op) override { react(op); }
@@ -160,8 +109,7 @@ class StressObserver : public vorn::IObserver {
 
  private:
   void react(vorn::ProcessObject* op) {
-    const Plan plan = m_plan;
-    m_plan = Plan::None;
+    const Plan plan = std::exchange(m_plan, Plan::None);
     if (plan == Plan::DetachSelf) op->detachObserver(this);
     if (plan == Plan::AttachOther) op->attachObserver(m_other);
     if (plan == Plan::DetachOther) op->detachObserver(m_other);
@@ -177,8 +125,8 @@ class World {
   }
   ~World() {
     m_held.clear();
-    for (std::size_t i = m_nodes.size(); i-- > 0;) {
-      m_nodes[i].held.reset();
+    for (auto node = m_nodes.rbegin(); node != m_nodes.rend(); ++node) {
+      node->held.reset();
       noteDeaths();
     }
     vorn::Repercussion::setEnable(true);
@@ -186,378 +134,216 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  // Applies one random step, then records what it broke, if anything, for check().
+  // One random step; what it broke, if anything, is kept for check().
   void step() {
-    const std::vector<bool> validated = validatedOperators();
-    const Kind kind = chooseKind();
-    apply(kind);
+    const std::vector<bool> before = validatedOperators();
+    const Step chosen = chooseStep();
+    (this->*chosen)();
     noteDeaths();
-    if (kind != Kind::Update || !vorn::Repercussion::isEnable()) noNewValidation(validated);
+    if (chosen == &World::update && vorn::Repercussion::isEnable()) return;
+    const std::vector<bool> after = validatedOperators();  // only updates validate
+    for (std::size_t i = 0; i < before.size(); ++i) {
+      if (after[i] && !before[i]) fail(m_nodes[i].name + " became validated without an update");
+    }
   }
 
   // The first broken invariant in words, with the last steps; empty when all hold.
   std::string check() {
-    std::string broken = m_violation;
-    if (broken.empty()) broken = checkPorts();
-    if (broken.empty()) broken = checkHeldData();
-    if (broken.empty()) broken = checkPipelines();
-    if (broken.empty() && freshnessApplies()) broken = checkFreshInputs();
-    if (broken.empty()) return broken;
-    for (const std::string& line : m_history) broken += "\n  after: " + line;
-    return broken + "\n" + describeGraph();
-  }
-
-  // One line per live operator: flag, parent, and what each of its ports reads.
-  std::string describeGraph() const {
-    std::string text;
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      const auto op = lock(static_cast<int>(i));
-      if (!op) continue;
-      text += "  " + m_nodes[i].name + (op->isInvalidated() ? " (invalidated)" : " (validated)") +
-              " in " + nameOf(op->getParent()) + ":";
-      for (bool input : {true, false}) {
-        for (vorn::Port* port : portsOf(*op, input)) {
-          text += std::string(input ? " in<-" : " out<-") +
-                  describe(vorn::PortProxy::getConnection(port));
-        }
+    std::string broken = m_violation.empty() ? checkPorts() : m_violation;
+    for (int i = 0; broken.empty() && i < count(); ++i) broken = checkNode(i);
+    for (const auto& held : m_held) {
+      if (broken.empty() && held.first->getGenerator() != lock(held.second).get()) {
+        broken = "held data names the wrong generator";
       }
-      text += "\n";
     }
-    return text;
+    for (std::size_t i = 0; !broken.empty() && i < m_history.size(); ++i) {
+      broken += "\n  after: " + m_history[i];
+    }
+    return broken;
   }
 
-  // Writes each step's description to `stream` as it starts (null stops): for steps that hang
-  // or crash before check() can tell.
-  void traceTo(std::ostream* stream) { m_trace = stream; }
-
-  // How many steps of each kind ran, by the first word of their description ("update",
-  // "connect", ...), with "updated" and "failed" for the outcomes of updates.
+  // Steps run, by the first word of their description, plus "updated" and "failed".
   const std::map<std::string, unsigned>& tally() const { return m_tally; }
 
-  std::size_t liveCount() const {
-    return static_cast<std::size_t>(
-        std::count_if(m_nodes.begin(), m_nodes.end(), [](const Node& node) { return !node.dead; }));
-  }
-
  private:
-  enum class Kind {
-    CreateOperator,
-    CreatePipeline,
-    Drop,
-    Connect,
-    SetInputPort,
-    Disconnect,
-    Parameter,
-    Region,
-    Observer,
-    Register,
-    Unregister,
-    Update,
-    Repercussion,
-    HoldData,
-    RemovePort,
-    AddPort,
-    Invalidate,
-    IgnoreRoi,
-    Print
-  };
-
   struct Node {
     std::string name;
     bool composite;
     boost::shared_ptr<vorn::ProcessObject> held;  // the world's reference; empty once dropped
     boost::weak_ptr<vorn::ProcessObject> alive;
-    bool dead = false;         // its death is already in the model
-    int parent = -1;           // the parent the model expects, a node index
+    bool dead;                 // its death is already in the model
+    int parent;                // the parent the model expects
     std::vector<int> members;  // the operator list the model expects, for pipelines
   };
-
-  struct Held {
-    boost::shared_ptr<vorn::DataObject> data;
-    int origin;  // the node that generated it when taken, or -1
-  };
-
   struct PortInfo {
+    vorn::Port* port;
     int node;
     bool input;
   };
+  using Step = void (World::*)();
 
-  static constexpr std::size_t kMaxNodes = 14;
-  static constexpr std::size_t kMaxPipelines = 4;
-  static constexpr std::size_t kMaxHeld = 6;
-  static constexpr std::size_t kHistory = 12;
-
-  // ---- choosing ----
-
-  Kind chooseKind() {
-    // Weights: edits of the wiring dominate, creation keeps the pool from running dry.
-    const std::array<std::pair<Kind, unsigned>, 19> weights{
-        {{Kind::CreateOperator, liveCount() < 4 ? 30u : 6u},
-         {Kind::CreatePipeline, 3},
-         {Kind::Drop, 4},
-         {Kind::Connect, 14},
-         {Kind::SetInputPort, 8},
-         {Kind::Disconnect, 4},
-         {Kind::Parameter, 6},
-         {Kind::Region, 5},
-         {Kind::Observer, 5},
-         {Kind::Register, 5},
-         {Kind::Unregister, 3},
-         {Kind::Update, 12},
-         {Kind::Repercussion, 2},
-         {Kind::HoldData, 4},
-         {Kind::RemovePort, 2},
-         {Kind::AddPort, 3},
-         {Kind::Invalidate, 3},
-         {Kind::IgnoreRoi, 1},
-         {Kind::Print, 1}}};
-    unsigned total = 0;
-    for (const auto& weight : weights) total += weight.second;
-    unsigned pick = m_chooser.below(total);
-    for (const auto& weight : weights) {
-      if (pick < weight.second) return weight.first;
-      pick -= weight.second;
+  Step chooseStep() {
+    // Edits of the wiring dominate; creation keeps the pool from running dry.
+    // clang-format off
+    const std::pair<unsigned, Step> steps[] = {
+        {liveCount() < 4 ? 33u : 9u, &World::create}, {4, &World::drop}, {14, &World::connect},
+        {8, &World::setInputPort}, {4, &World::disconnect}, {6, &World::changeParameter},
+        {5, &World::requestRegion}, {5, &World::changeObservers}, {5, &World::registerOperator},
+        {3, &World::unregisterOperator}, {12, &World::update}, {2, &World::toggleRepercussion},
+        {4, &World::holdData}, {5, &World::changePorts}, {5, &World::poke}};
+    // clang-format on
+    unsigned pick = 0;
+    for (const auto& step : steps) pick += step.first;
+    pick = m_chooser.below(pick);
+    for (const auto& step : steps) {
+      if (pick < step.first) return step.second;
+      pick -= step.first;
     }
-    return Kind::Update;
+    return &World::update;
   }
 
-  // A live node index, or -1; only pipelines when `composite`.
+  unsigned below(std::size_t count) { return m_chooser.below(static_cast<unsigned>(count)); }
+  template <typename T>
+  const T& pick(const std::vector<T>& items) {
+    return items[below(items.size())];
+  }
+  int count() const { return static_cast<int>(m_nodes.size()); }
+  Node& node(int i) { return m_nodes[static_cast<std::size_t>(i)]; }
+  const Node& node(int i) const { return m_nodes[static_cast<std::size_t>(i)]; }
+  long liveCount() const {
+    return std::count_if(m_nodes.begin(), m_nodes.end(), [](const Node& n) { return !n.dead; });
+  }
+
+  // A live node index, or -1; only pipelines when asked.
   int pickNode(bool onlyPipelines = false) {
     std::vector<int> candidates;
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      if (!m_nodes[i].dead && (!onlyPipelines || m_nodes[i].composite)) {
-        candidates.push_back(static_cast<int>(i));
-      }
+    for (int i = 0; i < count(); ++i) {
+      if (!node(i).dead && (!onlyPipelines || node(i).composite)) candidates.push_back(i);
     }
-    if (candidates.empty()) return -1;
-    return candidates[m_chooser.below(static_cast<unsigned>(candidates.size()))];
+    return candidates.empty() ? -1 : pick(candidates);
   }
-
-  boost::shared_ptr<vorn::ProcessObject> lock(int node) const {
-    return node < 0 ? nullptr : m_nodes[static_cast<std::size_t>(node)].alive.lock();
+  boost::shared_ptr<vorn::ProcessObject> lock(int i) const {
+    return i < 0 ? nullptr : node(i).alive.lock();
   }
-
-  vorn::BasePipeline* asPipeline(int node) const {
-    return dynamic_cast<vorn::BasePipeline*>(lock(node).get());
+  vorn::BasePipeline* asPipeline(int i) const {
+    return dynamic_cast<vorn::BasePipeline*>(lock(i).get());
   }
-
   int nodeOf(const vorn::ProcessObject* op) const {
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      if (!m_nodes[i].dead && lock(static_cast<int>(i)).get() == op) return static_cast<int>(i);
+    for (int i = 0; i < count(); ++i) {
+      if (!node(i).dead && lock(i).get() == op) return i;
     }
     return -1;
   }
 
   static std::vector<vorn::Port*> portsOf(vorn::ProcessObject& op, bool inputs) {
     std::vector<vorn::Port*> ports;
-    for (unsigned i = 0;; ++i) {
-      vorn::Port* port =
-          inputs ? static_cast<vorn::Port*>(op.getInputPort(i)) : op.getOutputPort(i);
-      if (port == nullptr) return ports;
-      ports.push_back(port);
+    for (unsigned i = 0; (inputs ? op.getInputPort(i) : op.getOutputPort(i)) != nullptr; ++i) {
+      ports.push_back(inputs ? op.getInputPort(i) : op.getOutputPort(i));
     }
-  }
-
-  // Every live port and its owner.
-  std::map<const vorn::Port*, PortInfo> livePorts() const {
-    std::map<const vorn::Port*, PortInfo> ports;
-    for (const auto& entry : orderedPorts()) ports[entry.first] = entry.second;
     return ports;
   }
 
-  // Ports that connect to others: every input, and a pipeline's outputs.
-  std::vector<vorn::PortProxy*> proxies() const {
-    std::vector<vorn::PortProxy*> result;
-    for (const auto& entry : orderedPorts()) {
-      if (auto* proxy = dynamic_cast<vorn::PortProxy*>(entry.first)) result.push_back(proxy);
-    }
-    return result;
-  }
-
-  // Live ports in node order, then inputs before outputs: no dependence on addresses.
-  std::vector<std::pair<vorn::Port*, PortInfo>> orderedPorts() const {
-    std::vector<std::pair<vorn::Port*, PortInfo>> result;
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      const auto op = lock(static_cast<int>(i));
-      if (!op) continue;
-      for (bool input : {true, false}) {
-        for (vorn::Port* port : portsOf(*op, input)) {
-          result.push_back({port, {static_cast<int>(i), input}});
-        }
+  // Live ports in node order, inputs before outputs: no dependence on addresses.
+  std::vector<PortInfo> livePorts() const {
+    std::vector<PortInfo> result;
+    for (int i = 0; i < count(); ++i) {
+      const auto op = lock(i);
+      for (int input = 1; op && input >= 0; --input) {
+        for (vorn::Port* port : portsOf(*op, input)) result.push_back({port, i, input == 1});
       }
     }
     return result;
   }
 
-  // The pipeline whose inner wiring `proxy` belongs to (-1 for the top level).
-  int scopeOf(const vorn::PortProxy* proxy, const PortInfo& info) const {
-    if (!info.input) return info.node;  // a pipeline's output reads from inside it
-    return nodeOf(proxy->getParent() ? proxy->getParent()->getParent() : nullptr);
-  }
-
-  // A port `proxy` may read: in a well-formed world one of its scope, else any port at all.
-  const vorn::Port* pickTarget(const vorn::PortProxy* proxy) {
+  // A port `reader` may read: in a well-formed world one of its scope (outputs of the
+  // operators in it, inputs of the scope's pipeline), else any port at all.
+  const vorn::Port* pickTarget(const PortInfo& reader) {
+    // A pipeline's output reads from inside it; an input from its operator's parent.
+    const int scope = !reader.input ? reader.node : nodeOf(lock(reader.node)->getParent());
     std::vector<const vorn::Port*> targets;
-    const auto ports = orderedPorts();
-    PortInfo reader{-1, true};
-    for (const auto& entry : ports) {
-      if (entry.first == proxy) reader = entry.second;
+    for (const PortInfo& port : livePorts()) {
+      const bool visible =
+          port.input ? port.node == scope : nodeOf(lock(port.node)->getParent()) == scope;
+      if (!m_wellFormed || visible) targets.push_back(port.port);
     }
-    const int scope = scopeOf(proxy, reader);
-    for (const auto& entry : ports) {
-      if (!m_wellFormed || isVisibleFrom(entry.second, scope)) {
-        targets.push_back(entry.first);
-      }
-    }
-    if (targets.empty() || m_chooser.percent(8)) return nullptr;
-    return targets[m_chooser.below(static_cast<unsigned>(targets.size()))];
+    return targets.empty() || m_chooser.percent(8) ? nullptr : pick(targets);
   }
 
-  // Outputs of the operators in `scope`, and the inputs of the scope's pipeline.
-  bool isVisibleFrom(const PortInfo& port, int scope) const {
-    if (port.input) return port.node == scope;
-    const auto op = lock(port.node);
-    return nodeOf(op ? op->getParent() : nullptr) == scope;
+  // `changes`: the step edits the graph, which with repercussion off leaves flags stale.
+  void record(const std::string& what, const vorn::ProcessObject* op, bool changes = true) {
+    ++m_tally[what];
+    m_history.push_back(what + " " + (op ? op->getName() : std::string()));
+    if (m_history.size() > 12) m_history.pop_front();
+    if (changes && !vorn::Repercussion::isEnable()) m_staleFlags = true;
   }
 
   // ---- steps ----
 
-  void apply(Kind kind) {
-    switch (kind) {
-      case Kind::CreateOperator:
-        return createOperator();
-      case Kind::CreatePipeline:
-        return createPipeline();
-      case Kind::Drop:
-        return drop();
-      case Kind::Connect:
-        return connect();
-      case Kind::SetInputPort:
-        return setInputPort();
-      case Kind::Disconnect:
-        return disconnect();
-      case Kind::Parameter:
-        return changeParameter();
-      case Kind::Region:
-        return requestRegion();
-      case Kind::Observer:
-        return changeObservers();
-      case Kind::Register:
-        return registerOperator();
-      case Kind::Unregister:
-        return unregisterOperator();
-      case Kind::Update:
-        return update();
-      case Kind::Repercussion:
-        return toggleRepercussion();
-      case Kind::HoldData:
-        return holdData();
-      case Kind::RemovePort:
-        return removePort();
-      case Kind::AddPort:
-        return addPort();
-      case Kind::Invalidate:
-        return invalidate();
-      case Kind::IgnoreRoi:
-        return ignoreRoi();
-      case Kind::Print:
-        return print();
+  void create() {
+    if (liveCount() >= 14) return;
+    boost::shared_ptr<vorn::ProcessObject> op;
+    const std::string suffix = std::to_string(m_nodes.size());
+    const long pipelines = std::count_if(m_nodes.begin(), m_nodes.end(),
+                                         [](const Node& n) { return !n.dead && n.composite; });
+    if (m_chooser.percent(25) && pipelines < 4) {
+      auto pipeline = boost::make_shared<vorn::BasePipeline>();
+      pipeline->setName("pipe" + suffix);
+      for (unsigned i = m_chooser.below(3); i > 0; --i) pipeline->addInput("ImageObject");
+      for (unsigned i = m_chooser.below(3); i > 0; --i) pipeline->addOutput("ImageObject");
+      op = pipeline;
+    } else {
+      const unsigned inputs = m_chooser.below(4), outputs = m_chooser.below(3);
+      op = boost::make_shared<StressOperator>("op" + suffix, inputs, outputs);
     }
-  }
-
-  void record(const std::string& line) {
-    if (m_trace != nullptr) *m_trace << line << std::endl;
-    ++m_tally[line.substr(0, line.find(' '))];
-    m_history.push_back(line);
-    if (m_history.size() > kHistory) m_history.pop_front();
-  }
-
-  // Changes while repercussion is off leave flags stale by design.
-  void noteChange() {
-    if (!vorn::Repercussion::isEnable()) m_staleFlags = true;
-  }
-
-  void addNode(boost::shared_ptr<vorn::ProcessObject> op, bool composite) {
-    if (liveCount() >= kMaxNodes) return;
-    Node node;
-    node.name = op->getName();
-    node.composite = composite;
-    node.held = op;
-    node.alive = op;
-    m_nodes.push_back(node);
-    record("create " + node.name);
-  }
-
-  void createOperator() {
-    const unsigned inputs = m_chooser.below(4);
-    const unsigned outputs = m_chooser.below(3);
-    const std::string name = "op" + std::to_string(m_nodes.size());
-    addNode(boost::make_shared<StressOperator>(name, inputs, outputs), false);
-  }
-
-  void createPipeline() {
-    const std::size_t pipelines = static_cast<std::size_t>(std::count_if(
-        m_nodes.begin(), m_nodes.end(), [](const Node& n) { return !n.dead && n.composite; }));
-    if (pipelines >= kMaxPipelines) return;
-    auto pipeline = boost::make_shared<vorn::BasePipeline>();
-    pipeline->setName("pipe" + std::to_string(m_nodes.size()));
-    for (unsigned i = m_chooser.below(3); i > 0; --i) pipeline->addInput("ImageObject");
-    for (unsigned i = m_chooser.below(3); i > 0; --i) pipeline->addOutput("ImageObject");
-    addNode(pipeline, true);
+    m_nodes.push_back({op->getName(), op->isComposite(), op, op, false, -1, {}});
+    record("create", op.get(), false);
   }
 
   void drop() {
-    const int node = pickNode();
-    if (node < 0) return;
-    record("drop " + m_nodes[static_cast<std::size_t>(node)].name);
-    noteChange();
-    m_nodes[static_cast<std::size_t>(node)].held.reset();
+    const int i = pickNode();
+    if (i < 0) return;
+    record("drop", lock(i).get());
+    node(i).held.reset();
   }
 
+  // Ports that connect to others: every input, and a pipeline's outputs.
   void connect() {
-    const auto all = proxies();
-    if (all.empty()) return;
-    vorn::PortProxy* proxy = all[m_chooser.below(static_cast<unsigned>(all.size()))];
-    const vorn::Port* target = pickTarget(proxy);
-    record("connect a port of " + nameOf(proxy->getParent()) + " to " + describe(target));
-    noteChange();
+    std::vector<PortInfo> proxies;
+    for (const PortInfo& port : livePorts()) {
+      if (dynamic_cast<vorn::PortProxy*>(port.port)) proxies.push_back(port);
+    }
+    if (proxies.empty()) return;
+    const PortInfo reader = pick(proxies);
+    auto* proxy = static_cast<vorn::PortProxy*>(reader.port);
+    const vorn::Port* target = pickTarget(reader);
+    record("connect", proxy->getParent());
     proxy->connectTo(target);
     // A refused connection (another data type, a loop of input ports) changes nothing.
-    if (proxy->getConnection() == target) {
-      expectInvalidated(proxy->getParent(), "connecting its input");
-    }
+    if (proxy->getConnection() == target) expectInvalidated(proxy->getParent(), "connecting");
   }
 
   void setInputPort() {
-    const int node = pickNode();
-    const auto op = lock(node);
+    const int i = pickNode();
+    const auto op = lock(i);
     if (!op) return;
     const auto inputs = portsOf(*op, true);
-    const unsigned index = m_chooser.below(static_cast<unsigned>(inputs.size()) + 1);
-    auto* proxy = index < inputs.size() ? static_cast<vorn::PortProxy*>(inputs[index]) : nullptr;
-    const vorn::Port* target = proxy != nullptr ? pickTarget(proxy) : nullptr;
-    record("setInputPort " + std::to_string(index) + " of " + op->getName() + " to " +
-           describe(target));
-    noteChange();
-    op->setInputPort(index, target);
+    const unsigned index = below(inputs.size() + 1);
+    record("setInputPort", op.get());
+    op->setInputPort(index, index < inputs.size() ? pickTarget({inputs[index], i, true}) : nullptr);
     if (index < inputs.size()) expectInvalidated(op.get(), "setInputPort");
   }
 
   void disconnect() {
-    const int node = pickNode();
-    const auto op = lock(node);
+    const auto op = lock(pickNode());
     if (!op) return;
     const unsigned how = m_chooser.below(4);
-    record("disconnect (" + std::to_string(how) + ") " + op->getName());
-    noteChange();
+    const auto inputs = portsOf(*op, true);
+    record("disconnect", op.get());
     if (how == 0) op->disconnectAllInputPorts();
     if (how == 1) op->disconnectAllOutputPorts();
     if (how == 2) op->disconnectAllPorts();
-    if (how == 3) {
-      const auto inputs = portsOf(*op, true);
-      if (inputs.empty()) return;
-      static_cast<vorn::PortProxy*>(inputs[m_chooser.below(static_cast<unsigned>(inputs.size()))])
-          ->disconnect();
+    if (how == 3 && !inputs.empty()) {
+      static_cast<vorn::PortProxy*>(pick(inputs))->disconnect();
       expectInvalidated(op.get(), "disconnecting its input");
     }
   }
@@ -565,87 +351,65 @@ class World {
   void changeParameter() {
     const auto op = lock(pickNode());
     if (!op) return;
-    static const char* const names[] = {"size", "fail", "nosuch"};
-    const std::string name = names[m_chooser.below(3)];
+    const std::string name = pick(std::vector<std::string>{"size", "fail", "nosuch"});
     const std::string value =
         name == "fail" ? (m_chooser.percent(30) ? "1" : "0") : std::to_string(m_chooser.below(6));
-    record("set " + name + "=" + value + " on " + op->getName());
-    noteChange();
+    record("set", op.get());
     if (op->setParameterValue(name, value)) expectInvalidated(op.get(), "a parameter change");
   }
 
   boost::shared_ptr<vorn::RoiObject const> makeRegion() {
     const unsigned kind = m_chooser.below(4);
+    vorn::Box shape(1);
     if (kind == 0) return nullptr;
     if (kind == 1) {
-      // A mask of its own: a held output as mask could end up holding, through its own
-      // requested region, the region that holds it, and that cycle of shared pointers leaks.
+      // A mask of its own: a held output as mask could hold, through its own requested
+      // region, the region that holds it, and that cycle of shared pointers leaks.
       auto mask = boost::make_shared<vorn::MaskRoi>();
-      if (m_chooser.percent(80)) {
-        auto image = boost::make_shared<vorn::ImageObject>();
-        vorn::Box shape(1);
-        shape.m_size[0] = m_chooser.below(6);
-        image->Allocate(vorn::PixelType::UCHAR, shape);
-        mask->setMaskImage(image);
-      }
+      if (m_chooser.percent(20)) return mask;
+      auto image = boost::make_shared<vorn::ImageObject>();
+      shape.m_size[0] = m_chooser.below(6);
+      image->Allocate(vorn::PixelType::UCHAR, shape);
+      mask->setMaskImage(image);
       return mask;
     }
     auto box = boost::make_shared<vorn::BoxRoi>();
-    vorn::Box shape(1);
-    shape.m_start[0] = static_cast<long>(m_chooser.below(3));
+    shape.m_start[0] = m_chooser.below(3);
     shape.m_size[0] = m_chooser.below(5);
     box->setBox(shape);
     return box;
   }
 
   void requestRegion() {
-    const int node = pickNode();
-    const auto op = lock(node);
+    const auto op = lock(pickNode());
     if (!op) return;
     const auto region = makeRegion();
-    auto* pipeline = dynamic_cast<vorn::BasePipeline*>(op.get());
-    noteChange();
-    if (pipeline != nullptr && m_chooser.percent(50)) {
-      record("pipeline region on " + op->getName());
-      pipeline->setRequestedRegionOfInterest(region);
-      return;
+    record("region", op.get());
+    if (op->isComposite() && m_chooser.percent(50)) {
+      return static_cast<vorn::BasePipeline&>(*op).setRequestedRegionOfInterest(region);
     }
-    const unsigned outputs = static_cast<unsigned>(portsOf(*op, false).size());
-    const unsigned index = m_chooser.below(outputs + 1);
-    record("region on output " + std::to_string(index) + " of " + op->getName());
+    const auto outputs = portsOf(*op, false).size();
+    const unsigned index = below(outputs + 1);
     op->setRequestedRegionOfInterest(index, region);
     if (index < outputs) expectInvalidated(op.get(), "a region request");
   }
 
   void changeObservers() {
     const auto op = lock(pickNode());
-    StressObserver& observer = m_observers[m_chooser.below(kObservers)];
-    StressObserver& other = m_observers[m_chooser.below(kObservers)];
+    StressObserver& observer = m_observers[below(m_observers.size())];
+    StressObserver& other = m_observers[below(m_observers.size())];
     const unsigned what = m_chooser.below(5);
-    if (what >= 2) {
-      observer.arm(static_cast<StressObserver::Plan>(what - 1), &other);
-      return record("arm an observer");
-    }
-    if (!op) return;
-    record(std::string(what == 0 ? "attach" : "detach") + " an observer on " + op->getName());
-    if (what == 0) op->attachObserver(&observer);
-    if (what == 1) op->detachObserver(&observer);
+    record("observer", op.get(), false);
+    if (what >= 2) observer.arm(static_cast<StressObserver::Plan>(what - 1), &other);
+    if (what == 0 && op) op->attachObserver(&observer);
+    if (what == 1 && op) op->detachObserver(&observer);
   }
 
   // Whether, by the model's lists, `outer` is `inner` or holds it at any depth.
   bool holds(int outer, int inner) const {
-    if (outer == inner) return true;
-    for (int member : m_nodes[static_cast<std::size_t>(outer)].members) {
-      if (holds(member, inner)) return true;
-    }
-    return false;
-  }
-
-  bool isMemberAnywhere(int node) const {
-    for (const Node& other : m_nodes) {
-      if (std::count(other.members.begin(), other.members.end(), node) > 0) return true;
-    }
-    return false;
+    const auto& members = node(outer).members;
+    return outer == inner || std::any_of(members.begin(), members.end(),
+                                         [&](int member) { return holds(member, inner); });
   }
 
   // What a client does before moving an operator between scopes: cut its outside wiring.
@@ -655,49 +419,44 @@ class World {
   }
 
   void registerOperator() {
-    const int pipelineNode = pickNode(true);
-    const int node = pickNode();
+    const int pipelineNode = pickNode(true), i = pickNode();
     auto* pipeline = asPipeline(pipelineNode);
-    const auto op = lock(node);
+    const auto op = lock(i);
     if (pipeline == nullptr || !op) return;
-    const bool refused = holds(node, pipelineNode);
-    if (m_wellFormed && !refused &&
-        (m_nodes[static_cast<std::size_t>(node)].parent >= 0 || isMemberAnywhere(node))) {
-      return;
-    }
+    const bool refused = holds(i, pipelineNode);
+    const bool member = std::any_of(m_nodes.begin(), m_nodes.end(), [&](const Node& n) {
+      return std::count(n.members.begin(), n.members.end(), i) > 0;
+    });
+    if (m_wellFormed && !refused && (node(i).parent >= 0 || member)) return;
     if (m_wellFormed && !refused) cutOutsideWiring(*op);
-    record("register " + op->getName() + " in " + pipeline->getName());
-    noteChange();
+    record("register", op.get());
     pipeline->registerOperator(op);
     if (refused) return;
-    m_nodes[static_cast<std::size_t>(pipelineNode)].members.push_back(node);
-    m_nodes[static_cast<std::size_t>(node)].parent = pipelineNode;
+    node(pipelineNode).members.push_back(i);
+    node(i).parent = pipelineNode;
   }
 
   void unregisterOperator() {
     const int pipelineNode = pickNode(true);
     auto* pipeline = asPipeline(pipelineNode);
     if (pipeline == nullptr) return;
-    std::vector<int>& members = m_nodes[static_cast<std::size_t>(pipelineNode)].members;
-    int node =
-        members.empty() ? -1 : members[m_chooser.below(static_cast<unsigned>(members.size()))];
-    if (!m_wellFormed && m_chooser.percent(20)) node = pickNode();
-    const auto op = lock(node);
+    std::vector<int>& members = node(pipelineNode).members;
+    int i = members.empty() ? -1 : pick(members);
+    if (!m_wellFormed && m_chooser.percent(20)) i = pickNode();
+    const auto op = lock(i);
     if (!op) return;
     if (m_wellFormed) cutOutsideWiring(*op);
-    record("unregister " + op->getName() + " from " + pipeline->getName());
-    noteChange();
+    record("unregister", op.get());
     pipeline->unRegisterOperator(op);
-    m_nodes[static_cast<std::size_t>(node)].parent = -1;
-    const auto entry = std::find(members.begin(), members.end(), node);
+    node(i).parent = -1;
+    const auto entry = std::find(members.begin(), members.end(), i);  // one registration
     if (entry != members.end()) members.erase(entry);
   }
 
   void update() {
     const auto op = lock(pickNode());
     if (!op) return;
-    const bool repercussion = vorn::Repercussion::isEnable();
-    record(std::string("update ") + op->getName() + (repercussion ? "" : " (no repercussion)"));
+    record("update", op.get(), false);
     const bool wasInvalidated = op->isInvalidated();
     try {
       op->update();
@@ -710,102 +469,81 @@ class World {
       return;
     }
     ++m_tally["updated"];
-    if (repercussion) expectValidatedAfterUpdate(*op);
+    if (!vorn::Repercussion::isEnable()) return;
+    if (!op->isComposite() && op->isInvalidated()) fail(op->getName() + " invalid after update");
+    for (vorn::Port* output :
+         op->isComposite() ? portsOf(*op, false) : std::vector<vorn::Port*>{}) {
+      const auto data = output->getData();
+      if (data && !data->isUptodate()) fail(op->getName() + " updated, an output stays stale");
+    }
   }
 
   void toggleRepercussion() {
     const bool enable = !vorn::Repercussion::isEnable();
-    record(enable ? "repercussion on" : "repercussion off");
+    record("repercussion", nullptr, false);
     vorn::Repercussion::setEnable(enable);
     if (!enable || !m_staleFlags) return;
     // What a client does after changing the graph with repercussion off: mark it all stale.
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      if (const auto op = lock(static_cast<int>(i))) {
-        if (!op->isComposite()) op->setToInvalidated();
-      }
+    for (int i = 0; i < count(); ++i) {
+      const auto op = lock(i);
+      if (op && !op->isComposite()) op->setToInvalidated();
     }
     m_staleFlags = false;
   }
 
   void holdData() {
+    const auto ports = livePorts();
     if (!m_held.empty() && m_chooser.percent(30)) {
-      m_held.erase(m_held.begin() + m_chooser.below(static_cast<unsigned>(m_held.size())));
-      return record("release held data");
+      m_held.erase(m_held.begin() + below(m_held.size()));
+    } else if (!ports.empty()) {
+      auto data = pick(ports).port->getData();
+      if (!data) return;
+      const int origin = nodeOf(data->getGenerator());
+      if (data->getGenerator() != nullptr && origin < 0) fail("port data names a dead generator");
+      if (m_held.size() >= 6) m_held.erase(m_held.begin());
+      m_held.push_back({data, origin});
     }
-    const auto ports = orderedPorts();
-    if (ports.empty()) return;
-    const vorn::Port* port = ports[m_chooser.below(static_cast<unsigned>(ports.size()))].first;
-    auto data = port->getData();
-    if (!data) return;
-    const vorn::ProcessObject* generator = data->getGenerator();
-    const int origin = nodeOf(generator);
-    if (generator != nullptr && origin < 0) fail("data taken from a port names a dead generator");
-    if (m_held.size() >= kMaxHeld) m_held.erase(m_held.begin());
-    m_held.push_back({data, origin});
-    record("hold the data of " + describe(port));
+    record("hold", nullptr, false);
   }
 
-  void removePort() {
+  // Adds a port to a pipeline or removes one; other operators' ports must be left alone.
+  void changePorts() {
     const int pipelineNode = pickNode(true);
     auto* pipeline = asPipeline(pipelineNode);
-    if (pipeline == nullptr) return;
-    // Mostly its own ports; sometimes another operator's, which must be left alone.
-    const int owner = m_chooser.percent(85) ? pipelineNode : pickNode();
-    const auto op = lock(owner);
-    if (!op) return;
-    std::vector<vorn::Port*> ports = portsOf(*op, true);
-    const auto outputs = portsOf(*op, false);
+    const auto op = lock(m_chooser.percent(85) ? pipelineNode : pickNode());
+    if (pipeline == nullptr || !op) return;
+    record("ports", pipeline);
+    if (m_chooser.percent(40)) {
+      // Another data type now and then, which every connection to an image port refuses.
+      const std::string type = m_chooser.percent(15) ? "OtherObject" : "ImageObject";
+      if (m_chooser.percent(50)) return (void)pipeline->addInput(type);
+      return (void)pipeline->addOutput(type);
+    }
+    std::vector<vorn::Port*> ports = portsOf(*op, true), outputs = portsOf(*op, false);
     ports.insert(ports.end(), outputs.begin(), outputs.end());
-    if (ports.empty()) return;
-    vorn::Port* port = ports[m_chooser.below(static_cast<unsigned>(ports.size()))];
-    record("removePort of " + op->getName() + " from " + pipeline->getName());
-    noteChange();
-    pipeline->removePort(port);
+    if (!ports.empty()) pipeline->removePort(pick(ports));
   }
 
-  void addPort() {
-    auto* pipeline = asPipeline(pickNode(true));
-    if (pipeline == nullptr) return;
-    // Another data type now and then, which every connection to an image port refuses.
-    const std::string type = m_chooser.percent(15) ? "OtherObject" : "ImageObject";
-    const bool input = m_chooser.percent(50);
-    record(std::string("add ") + (input ? "input " : "output ") + type + " to " +
-           pipeline->getName());
-    if (input) pipeline->addInput(type);
-    if (!input) pipeline->addOutput(type);
-  }
-
-  void invalidate() {
+  // Invalidates, prints, or flips the ignore-previous-region flag.
+  void poke() {
     const auto op = lock(pickNode());
     if (!op) return;
-    record("invalidate " + op->getName());
+    const unsigned what = m_chooser.below(5);
+    record("poke", op.get(), false);
+    if (what == 0) op->print();
+    if (what == 1) op->setIgnorePreviousROI(!op->isIgnorePreviousROI());
+    if (what < 2) return;
     op->setToInvalidated();
     expectInvalidated(op.get(), "setToInvalidated");
   }
 
-  void ignoreRoi() {
-    const auto op = lock(pickNode());
-    if (!op) return;
-    record("ignore previous region on " + op->getName());
-    op->setIgnorePreviousROI(!op->isIgnorePreviousROI());
-  }
-
-  void print() {
-    const auto op = lock(pickNode());
-    if (!op) return;
-    record("print " + op->getName());
-    op->print();
-  }
-
-  // ---- model upkeep ----
-
   // A pipeline's destructor unregisters each of its operators: they lose their parent.
   void noteDeaths() {
-    for (Node& node : m_nodes) {
-      if (node.dead || !node.alive.expired()) continue;
-      node.dead = true;
-      for (int member : node.members) m_nodes[static_cast<std::size_t>(member)].parent = -1;
-      node.members.clear();
+    for (Node& dead : m_nodes) {
+      if (dead.dead || !dead.alive.expired()) continue;
+      dead.dead = true;
+      for (int member : dead.members) node(member).parent = -1;
+      dead.members.clear();
     }
   }
 
@@ -815,154 +553,78 @@ class World {
     if (m_violation.empty()) m_violation = what;
   }
 
-  std::string nameOf(const vorn::ProcessObject* op) const {
-    return op == nullptr ? std::string("(no operator)") : op->getName();
-  }
-
-  std::string describe(const vorn::Port* port) const {
-    if (port == nullptr) return "nothing";
-    const auto ports = livePorts();
-    const auto entry = ports.find(port);
-    if (entry == ports.end()) return "a dead port";
-    return std::string(entry->second.input ? "an input" : "an output") + " of " +
-           m_nodes[static_cast<std::size_t>(entry->second.node)].name;
-  }
-
   void expectInvalidated(vorn::ProcessObject* op, const char* change) {
     if (op == nullptr || op->isComposite() || !vorn::Repercussion::isEnable()) return;
     if (!op->isInvalidated()) fail(op->getName() + " is not invalidated after " + change);
   }
 
-  void expectValidatedAfterUpdate(vorn::ProcessObject& op) {
-    if (!op.isComposite()) {
-      if (op.isInvalidated()) fail(op.getName() + " is invalidated after a successful update");
-      return;
-    }
-    for (vorn::Port* output : portsOf(op, false)) {
-      const auto data = output->getData();
-      if (data && !data->isUptodate()) {
-        fail("pipeline " + op.getName() + " updated, yet an output's data is stale");
-      }
-    }
-  }
-
   std::vector<bool> validatedOperators() const {
-    std::vector<bool> validated(m_nodes.size(), false);
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      const auto op = lock(static_cast<int>(i));
-      validated[i] = op && !m_nodes[i].composite && !op->isInvalidated();
+    std::vector<bool> validated;
+    for (int i = 0; i < count(); ++i) {
+      const auto op = lock(i);
+      validated.push_back(op && !node(i).composite && !op->isInvalidated());
     }
     return validated;
   }
 
-  // Only an update with repercussion validates anything.
-  void noNewValidation(const std::vector<bool>& before) {
-    const std::vector<bool> after = validatedOperators();
-    for (std::size_t i = 0; i < before.size(); ++i) {
-      if (after[i] && !before[i]) fail(m_nodes[i].name + " became validated without an update");
-    }
-  }
-
   std::string checkPorts() const {
     const auto ports = livePorts();
-    for (const auto& entry : ports) {
-      const vorn::Port* port = entry.first;
-      const std::string owner = m_nodes[static_cast<std::size_t>(entry.second.node)].name;
-      if (port->getParent() != lock(entry.second.node).get())
-        return "a port of " + owner + " names another parent";
+    std::set<const vorn::Port*> live;
+    for (const PortInfo& info : ports) live.insert(info.port);
+    for (const PortInfo& info : ports) {
+      const vorn::Port* port = info.port;
+      const std::string owner = "a port of " + node(info.node).name;
+      if (port->getParent() != lock(info.node).get()) return owner + " names another parent";
       if (port->getNumberOfUse() != port->getAttachedProxies().size()) {
-        return "a port of " + owner + " counts its readers wrong";
+        return owner + " counts its readers wrong";
       }
       for (const vorn::PortProxy* reader : port->getAttachedProxies()) {
-        if (ports.count(reader) == 0) return "a port of " + owner + " lists a reader that is gone";
-        if (reader->getConnection() != port) {
-          return "a port of " + owner + " lists a reader connected elsewhere";
-        }
+        if (!live.count(reader)) return owner + " lists a reader that is gone";
+        if (reader->getConnection() != port) return owner + " lists a reader connected elsewhere";
       }
       const vorn::Port* connection = vorn::PortProxy::getConnection(port);
       if (connection == nullptr) continue;
-      if (ports.count(connection) == 0)
-        return "a port of " + owner + " is connected to a dead port";
-      if (connection->getAttachedProxies().count(
-              const_cast<vorn::PortProxy*>(static_cast<const vorn::PortProxy*>(port))) == 0) {
-        return "a port of " + owner + " is connected but not listed by its connection";
-      }
+      if (!live.count(connection)) return owner + " is connected to a dead port";
+      auto* self = const_cast<vorn::PortProxy*>(static_cast<const vorn::PortProxy*>(port));
+      if (!connection->getAttachedProxies().count(self)) return owner + " is not listed back";
     }
     return std::string();
   }
 
-  std::string checkHeldData() const {
-    for (const Held& held : m_held) {
-      const auto origin = lock(held.origin);
-      if (held.data->getGenerator() != origin.get()) {
-        return "held data names the wrong generator (taken from " +
-               (held.origin < 0 ? std::string("no operator")
-                                : m_nodes[static_cast<std::size_t>(held.origin)].name) +
-               (origin ? ", alive)" : ", gone)");
-      }
-    }
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      const auto op = lock(static_cast<int>(i));
-      if (!op || m_nodes[i].composite) continue;
-      for (vorn::Port* output : portsOf(*op, false)) {
-        if (output->getData()->getGenerator() != op.get()) {
-          return "an output of " + m_nodes[i].name + " holds data of another generator";
-        }
-      }
-    }
-    return std::string();
-  }
-
-  std::string checkPipelines() const {
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      const auto op = lock(static_cast<int>(i));
-      if (!op) continue;
-      if (op->getParent() != lock(m_nodes[i].parent).get()) {
-        return m_nodes[i].name + " has parent " + nameOf(op->getParent()) + ", expected " +
-               (m_nodes[i].parent < 0 ? "none"
-                                      : m_nodes[static_cast<std::size_t>(m_nodes[i].parent)].name);
-      }
-      if (!m_nodes[i].composite) continue;
+  // Its parent and members as registered; an operator's outputs hold its own data; and, where
+  // flags are kept, a validated operator was computed from up-to-date data.
+  std::string checkNode(int i) const {
+    const auto op = lock(i);
+    if (!op) return std::string();
+    const std::string& name = node(i).name;
+    if (op->getParent() != lock(node(i).parent).get()) return name + " has the wrong parent";
+    if (node(i).composite) {
       std::vector<vorn::ProcessObject*> expected;
-      for (int member : m_nodes[i].members) expected.push_back(lock(member).get());
-      if (asPipeline(static_cast<int>(i))->getOperators() != expected) {
-        return "the operator list of " + m_nodes[i].name + " differs from its registrations";
-      }
+      for (int member : node(i).members) expected.push_back(lock(member).get());
+      const bool same = asPipeline(i)->getOperators() == expected;
+      return same ? std::string() : "the operator list of " + name + " differs";
+    }
+    for (vorn::Port* output : portsOf(*op, false)) {
+      if (output->getData()->getGenerator() != op.get()) return name + " holds foreign data";
+    }
+    const bool fresh = m_wellFormed && !m_staleFlags && vorn::Repercussion::isEnable();
+    for (vorn::Port* input :
+         fresh && !op->isInvalidated() ? portsOf(*op, true) : std::vector<vorn::Port*>{}) {
+      const auto data = input->getData();
+      if (data && !data->isUptodate()) return name + " is validated but reads stale data";
     }
     return std::string();
   }
 
-  bool freshnessApplies() const {
-    return m_wellFormed && !m_staleFlags && vorn::Repercussion::isEnable();
-  }
-
-  // A validated operator was computed from up-to-date data and nothing changed since.
-  std::string checkFreshInputs() const {
-    for (std::size_t i = 0; i < m_nodes.size(); ++i) {
-      const auto op = lock(static_cast<int>(i));
-      if (!op || m_nodes[i].composite || op->isInvalidated()) continue;
-      for (vorn::Port* input : portsOf(*op, true)) {
-        const auto data = input->getData();
-        if (data && !data->isUptodate()) {
-          return m_nodes[i].name + " is validated but reads stale data of " +
-                 nameOf(data->getGenerator());
-        }
-      }
-    }
-    return std::string();
-  }
-
-  static constexpr unsigned kObservers = 4;
   // Declared before the nodes, so that they outlive every operator that may notify them; one
   // array, so that their address order (the notification order) is their index order.
-  std::array<StressObserver, kObservers> m_observers;
+  std::array<StressObserver, 4> m_observers;
   Chooser& m_chooser;
   bool m_wellFormed;
   std::vector<Node> m_nodes;
-  std::vector<Held> m_held;
+  std::vector<std::pair<boost::shared_ptr<vorn::DataObject>, int>> m_held;  // data, origin
   std::deque<std::string> m_history;
   std::map<std::string, unsigned> m_tally;
-  std::ostream* m_trace = nullptr;
   std::string m_violation;
   bool m_staleFlags = false;  // changed with repercussion off since it was last on
 };
