@@ -40,3 +40,9 @@ cmake --build build/fuzz -j "$jobs" --target vorn_fuzzers
 for target in png_reader nifti_reader nifti_gz_reader; do
   "build/fuzz/fuzz/vorn_fuzz_$target" -runs=0 "fuzz/corpus/$target"
 done
+
+# The size of the tests against the code they test: non-blank lines of C++ and Python in tests/,
+# python/tests/ and fuzz/ against all the others.
+git ls-files '*.cpp' '*.hpp' '*.h' '*.py' | xargs awk 'NF {
+    if (FILENAME ~ /^(tests|python\/tests|fuzz)\//) tests++; else code++ }
+  END { printf "Tests: %d non-blank lines against %d of code (%.0f%%)\n", tests, code, 100 * tests / code }'
