@@ -1,4 +1,4 @@
-// Every pixel operator of the catalog at one thread and at every core (threads=0), on a 256^3
+// The pixel operators at one thread and at every core (threads=0), on a 256^3
 // float volume, a 4096^2 uchar image and a 64^2 float image, the last one below the size where
 // work is handed to threads. Names: BM_Threads/<operator>/<image>/<threads>.
 // Counter: seconds per pixel; scripts/bench_table.py divides the two counts' figures.
@@ -26,13 +26,26 @@ const Shape kShapes[] = {{"256cubed_float", {256, 256, 256}, vorn::PixelType::FL
                          {"4096squared_uchar", {4096, 4096}, vorn::PixelType::UCHAR},
                          {"64squared_float", {64, 64}, vorn::PixelType::FLOAT}};
 
-// The operators and the parameters that give them real work.
-const std::pair<const char*, std::vector<std::pair<std::string, std::string>>> kOperators[] = {
-    {"gaussian", {{"sigma", "2"}}},
-    {"cast", {{"type", "short"}}},
-    {"threshold", {{"lower", "64"}, {"upper", "192"}}},
-    {"mask", {}},
-    {"stats", {}}};
+// The operators, the parameters that give them real work, and whether they read a 0/1 mask.
+struct Case {
+  const char* name;
+  std::vector<std::pair<std::string, std::string>> parameters;
+  bool binary;
+};
+const Case kOperators[] = {{"gaussian", {{"sigma", "2"}}, false},
+                           {"cast", {{"type", "short"}}, false},
+                           {"threshold", {{"lower", "64"}, {"upper", "192"}}, false},
+                           {"mask", {}, false},
+                           {"stats", {}, false},
+                           {"math", {{"op", "log"}}, false},
+                           {"rescale", {}, false},
+                           {"median", {{"size", "3"}}, false},
+                           {"gradient", {{"sigma", "2"}}, false},
+                           {"erode", {{"radius", "1"}}, false},
+                           {"resample", {{"spacing", "0.8"}, {"order", "1"}}, false},
+                           {"label", {}, true},
+                           {"fill", {}, true},
+                           {"distance", {}, true}};
 
 // Hands out a fixed image of `shape`, or with `binary` a 0/1 mask of the same box; computed once
 // before timing starts.
@@ -67,20 +80,19 @@ class ShapeSource : public vorn::ProcessObject {
 
 // generateData() alone: update() would add the engine's timing line. The output's pages are
 // touched once before timing.
-void runThreads(benchmark::State& state, const std::string& name,
-                const std::vector<std::pair<std::string, std::string>>& parameters,
-                const Shape& shape, const char* threads) {
+void runThreads(benchmark::State& state, const Case& which, const Shape& shape,
+                const char* threads) {
   const CoutDiscard silent;
-  ShapeSource image(shape, false);
+  ShapeSource image(shape, which.binary);
   ShapeSource mask(shape, true);
-  const boost::shared_ptr<vorn::ProcessObject> op = vorn::createOperator(name);
+  const boost::shared_ptr<vorn::ProcessObject> op = vorn::createOperator(which.name);
   image.update();
   op->getInputPort(0)->connectTo(image.getOutputPort(0));
   if (op->getNumberOfInputPorts() > 1) {
     mask.update();
     op->getInputPort(1)->connectTo(mask.getOutputPort(0));
   }
-  for (const auto& [key, value] : parameters) op->setParameterValue(key, value);
+  for (const auto& [key, value] : which.parameters) op->setParameterValue(key, value);
   op->setParameterValue("threads", threads);
   op->generateData();
   for (auto _ : state) {
@@ -94,15 +106,15 @@ void runThreads(benchmark::State& state, const std::string& name,
 }
 
 bool registerAll() {
-  for (const auto& [name, parameters] : kOperators) {
+  for (const Case& which : kOperators) {
     for (const Shape& shape : kShapes) {
       for (const char* threads : {"1", "0"}) {
         const std::string title =
-            std::string("BM_Threads/") + name + "/" + shape.name + "/" + threads;
-        benchmark::RegisterBenchmark(
-            title.c_str(),
-            [name = std::string(name), parameters = parameters, shape, threads](
-                benchmark::State& state) { runThreads(state, name, parameters, shape, threads); })
+            std::string("BM_Threads/") + which.name + "/" + shape.name + "/" + threads;
+        benchmark::RegisterBenchmark(title.c_str(),
+                                     [&which, shape, threads](benchmark::State& state) {
+                                       runThreads(state, which, shape, threads);
+                                     })
             ->Unit(benchmark::kMicrosecond)
             ->UseRealTime();
       }

@@ -110,7 +110,8 @@ THREAD_SHAPES = (("256cubed_float", "256Â³ float"), ("4096squared_uchar", "4096Â
 def thread_rows(m):
     """Each operator at every core against one thread, from the same run."""
     rows = []
-    for op in ("gaussian", "cast", "threshold", "mask", "stats"):
+    for op in ("gaussian", "cast", "threshold", "mask", "stats", "math", "rescale", "median",
+               "gradient", "erode", "resample", "label", "fill", "distance"):
         for shape, label in THREAD_SHAPES:
             one = m[f"BM_Threads/{op}/{shape}/1/real_time"]["s/pixel"] * 1e9
             every = m[f"BM_Threads/{op}/{shape}/0/real_time"]["s/pixel"] * 1e9
