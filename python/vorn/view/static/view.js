@@ -80,9 +80,16 @@
     const level = Number($("level").value), width = Math.max(Number($("window").value), 1e-12);
     const low = level - width / 2;
     const gray = (v) => Math.max(0, Math.min(255, ((v - low) / width) * 255));
-    if (state.input && !overlay) paint($("input"), state.input, (rgba, j, v) => {
+    // The input beside the output changes only with the slice or the window: a slider over a
+    // parameter repaints the output alone.
+    const shown = overlay ? null : { input: state.input, low, width };
+    const painted = state.painted;
+    const same = painted && shown && painted.input === shown.input && painted.low === low &&
+      painted.width === width;
+    if (state.input && shown && !same) paint($("input"), state.input, (rgba, j, v) => {
       rgba[j] = rgba[j + 1] = rgba[j + 2] = gray(v);
     });
+    state.painted = shown;
     if (overlay) {
       const under = state.input.values;
       paint($("output"), out, (rgba, j, v, k) => {
