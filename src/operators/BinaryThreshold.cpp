@@ -6,7 +6,8 @@
 #include <string>
 
 #include "OperatorSupport.hpp"
-#include "Parallel.hpp"
+#include "ParallelRows.hpp"
+#include "RegionOutput.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -27,9 +28,9 @@ unsigned char byteParameter(ProcessObject& op, const std::string& name) {
 // Compared as doubles, which hold every pixel value and every bound exactly; NaN fails both
 // comparisons and so lands outside.
 template <class T>
-void threshold(const T* in, unsigned char* out, unsigned long count, double lower, double upper,
+void threshold(const T* in, unsigned char* out, long count, double lower, double upper,
                unsigned char inside, unsigned char outside) {
-  for (unsigned long k = 0; k < count; ++k) {
+  for (long k = 0; k < count; ++k) {
     const double value = in[k];
     out[k] = lower <= value && value <= upper ? inside : outside;
   }
@@ -56,7 +57,8 @@ void BinaryThreshold::generateData() {
   const unsigned int threads = detail::threadsFor(*this);
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
-  const unsigned long count = input->getPixelNumber();
+  const detail::Layout layout = detail::layoutOf(*input);
+  const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
   detail::dispatchPixelType(input->getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     // -inf/+inf for float; the other types' own range, which holds all their values anyway.
@@ -64,16 +66,18 @@ void BinaryThreshold::generateData() {
                                                                : std::numeric_limits<T>::lowest();
     const double highest = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
                                                                 : std::numeric_limits<T>::max();
-    output->Allocate(PixelType::UCHAR, input->getBufferedRegion());
+    detail::shapeOutput(*output, PixelType::UCHAR, input->getBufferedRegion());
     detail::copyGeometry(*input, *output);
     const T* in = static_cast<const T*>(static_cast<const ImageObject&>(*input).getBuffer());
     auto* out = static_cast<unsigned char*>(output->getBuffer());
-    detail::parallelFor(threads, count, detail::kGrainPixels,
-                        [&](std::size_t begin, std::size_t end) {
-                          threshold(in + begin, out + begin, end - begin, lower.value_or(lowest),
-                                    upper.value_or(highest), inside, outside);
-                        });
+    detail::parallelRows(threads, layout, target,
+                         [&](long offset, const std::vector<long>&, long first, long width) {
+                           threshold(in + offset + first, out + offset + first, width,
+                                     lower.value_or(lowest), upper.value_or(highest), inside,
+                                     outside);
+                         });
   });
+  detail::clearOutside(*output, layout, target, target, m_written);
 }
 
 std::vector<long> BinaryThreshold::inputHalo(unsigned int axes) {

@@ -5,7 +5,8 @@
 #include <string>
 
 #include "OperatorSupport.hpp"
-#include "Parallel.hpp"
+#include "ParallelRows.hpp"
+#include "RegionOutput.hpp"
 #include "vorn/RestrictImageToRoi.hpp"
 
 namespace vorn {
@@ -24,19 +25,22 @@ void checkMask(const ProcessObject& op, const ImageObject& image, const ImageObj
   }
 }
 
-// Each chunk copies its pixels and zeroes the masked ones while they are still in cache: one
+// Each row copies its pixels and zeroes the masked ones while they are still in cache: one
 // pass over memory instead of a copy and then a restriction.
 template <class T>
 void copyMasked(unsigned int threads, const ImageObject& image, const ImageObject& mask,
-                ImageObject& output) {
+                const detail::Region& target, ImageObject& output) {
   const auto* in = static_cast<const T*>(image.getBuffer());
   const auto* bytes = static_cast<const unsigned char*>(mask.getBuffer());
   T* out = static_cast<T*>(output.getBuffer());
-  detail::parallelFor(threads, image.getPixelNumber(), detail::kGrainPixels,
-                      [&](std::size_t begin, std::size_t end) {
-                        std::memcpy(out + begin, in + begin, (end - begin) * sizeof(T));
-                        mergeBuffer<T, unsigned char>(out + begin, bytes + begin, end - begin);
-                      });
+  detail::parallelRows(threads, detail::layoutOf(image), target,
+                       [&](long offset, const std::vector<long>&, long first, long width) {
+                         const long begin = offset + first;
+                         std::memcpy(out + begin, in + begin,
+                                     static_cast<std::size_t>(width) * sizeof(T));
+                         mergeBuffer<T, unsigned char>(out + begin, bytes + begin,
+                                                       static_cast<unsigned long>(width));
+                       });
 }
 
 }  // namespace
@@ -56,10 +60,14 @@ void MaskOperator::generateData() {
   const unsigned int threads = detail::threadsFor(*this);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const ImageObject& source = *image;
+  const detail::Layout layout = detail::layoutOf(source);
+  const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
   detail::dispatchPixelType(source.getPointType(), [&](auto tag) {
-    detail::shapeLike(source, source.getPointType(), *output);
-    copyMasked<typename decltype(tag)::type>(threads, source, *mask, *output);
+    detail::shapeOutput(*output, source.getPointType(), source.getBufferedRegion());
+    detail::copyGeometry(source, *output);
+    copyMasked<typename decltype(tag)::type>(threads, source, *mask, target, *output);
   });
+  detail::clearOutside(*output, layout, target, target, m_written);
 }
 
 std::vector<long> MaskOperator::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }

@@ -11,6 +11,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "NeighbourhoodTestSupport.hpp"
 #include "OperatorTestSupport.hpp"
 #include "vorn/operators/BinaryThreshold.hpp"
 #include "vorn/operators/CastOperator.hpp"
@@ -114,6 +115,29 @@ TEST(MaskOperator, ZeroesPixelsOutsideTheMaskAndRefusesAMaskThatDoesNotFit) {
     expectUpdateFailure(op, "MaskOperator: the mask (input 1) holds short");
     EXPECT_EQ(valuesOf(*outputOf(op)), c.expected);
   }
+}
+
+// Pixel by pixel, a region is computed exactly and the rest is 0, for every input type.
+TEST(PixelOperators, RegionOfInterestAndThreadsKeepTheBits) {
+  const unsigned long n = 13 * 11 * 9;
+  const ImagePtr floats = makeImage({13, 11, 9}, randomValues<float>(n, 5, -300, 300));
+  const ImagePtr shorts = makeImage({13, 11, 9}, randomValues<short>(n, 6, -300, 300));
+  const ImagePtr bytes = makeImage({13, 11, 9}, randomValues<unsigned char>(n, 7, 0, 3));
+  const struct {
+    std::string op;
+    ImagePtr image;
+    Parameters parameters;
+    ImagePtr second;
+  } cases[] = {
+      {"threshold", floats, {{"lower", "-100"}, {"upper", "200"}, {"outside", "7"}}, nullptr},
+      {"threshold", bytes, {{"lower", "2"}}, nullptr},
+      {"cast", shorts, {{"type", "uchar"}}, nullptr},
+      {"cast", floats, {{"type", "short"}}, nullptr},
+      {"mask", shorts, {}, bytes},
+      {"math", floats, {{"op", "mul"}, {"value", "-3"}}, nullptr},
+  };
+  for (const auto& c : cases)
+    expectRegionAndThreadsKeepTheBits(c.op, c.image, c.parameters, c.second);
 }
 
 // A bad value fails the update naming operator, parameter and value, and the output of the

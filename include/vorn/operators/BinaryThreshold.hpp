@@ -10,6 +10,10 @@
 //
 // Both bounds are inclusive and compared exactly with the pixel values. lower > upper is an
 // empty interval: every pixel is outside. inside and outside are integers from 0 to 255.
+//
+// Regions of interest: when the output's region of interest is set, only its bounding box
+// (clipped to the image) is computed and the rest of the output is 0. The output's buffer is
+// kept across updates; of it only what the last update wrote outside the new box is cleared.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

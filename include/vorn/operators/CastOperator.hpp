@@ -9,6 +9,10 @@
 // target's range; NaN becomes 0 and infinities clamp. Towards float every value is exact.
 // The input image is never modified; an unknown type name fails the update and leaves the
 // output as it was.
+//
+// Regions of interest: when the output's region of interest is set, only its bounding box
+// (clipped to the image) is computed and the rest of the output is 0. The output's buffer is
+// kept across updates; of it only what the last update wrote outside the new box is cleared.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

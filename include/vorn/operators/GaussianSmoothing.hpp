@@ -13,7 +13,10 @@
 // Regions of interest: when the output's region of interest is set, only its bounding box
 // (clipped to the image) is computed, exactly as the whole image would give it there, and the
 // rest of the output is 0. A bounding box with another number of axes than the image, or one
-// entirely outside it, yields an output of zeros.
+// entirely outside it, yields an output of zeros. The passes run from the last axis to the
+// first, whatever the box (another order rounds differently), so a slice across the last axis
+// smooths only its halo along that axis; of an output kept across updates only what the last
+// update wrote outside the box is cleared.
 //
 // Sharp edges: sigma above 1e6 pixels is refused; a bad sigma fails the update and leaves the
 // output as it was. No temporary image is made: the passes after the first work in place in

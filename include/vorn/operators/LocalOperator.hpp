@@ -26,6 +26,24 @@ class VORN_OPERATORS_API LocalOperator {
   // for the current parameters (which it checks, throwing like generateData would). All
   // zeros for an operator working pixel by pixel.
   virtual std::vector<long> inputHalo(unsigned int axes) = 0;
+
+  // The box of an output buffer that may hold pixels other than 0 after an update of a region
+  // of interest (start and size per axis), and that buffer's address and pixel type. An output
+  // kept across updates then needs only this box cleared, not the whole image.
+  struct WrittenBox {
+    // The buffer the box is of; another buffer holds pixels nothing is known of.
+    const void* buffer = nullptr;
+    // Its pixel type then (a PixelType::Type).
+    int type = -1;
+    // First pixel of the box per axis.
+    std::vector<long> start;
+    // Pixels of the box per axis.
+    std::vector<long> size;
+  };
+
+ protected:
+  // What the last update left in output 0; the operators computing a region keep it.
+  WrittenBox m_written;
 };
 
 }  // namespace vorn

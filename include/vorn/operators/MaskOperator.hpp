@@ -6,6 +6,10 @@
 // The mask must hold as many pixels as the image (its own box and geometry are not compared).
 // A mask of another pixel count or another type than UCHAR fails the update before the output
 // is touched. Neither input is modified.
+//
+// Regions of interest: when the output's region of interest is set, only its bounding box
+// (clipped to the image) is computed and the rest of the output is 0. The output's buffer is
+// kept across updates; of it only what the last update wrote outside the new box is cleared.
 #pragma once
 
 #include "vorn/ProcessObject.hpp"

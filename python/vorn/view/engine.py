@@ -80,6 +80,18 @@ def as_image(source):
     return vorn.readImageFile(str(source))
 
 
+def value_range(pixels):
+    """The lowest and highest finite pixel values, (0, 1) without any; a slice at a time, so
+    that a large volume is never copied whole."""
+    low, high = np.inf, -np.inf
+    for part in pixels if pixels.ndim == 3 else [pixels]:
+        if part.dtype.kind == "f":
+            part = part[np.isfinite(part)]
+        if part.size:
+            low, high = min(low, part.min()), max(high, part.max())
+    return (float(low), float(high)) if low <= high else (0.0, 1.0)
+
+
 def _describe(error):
     # The operator's own message, without the engine's frame around it.
     text = " ".join(str(error).split())
@@ -104,8 +116,7 @@ class SliceEngine:
         self.boxes = {}
         self.values = {(s.name, p): s.op.getParameterValue(p)
                        for s in self.stages for p in s.op.getParameterNames()}
-        finite = self.pixels[np.isfinite(self.pixels)] if self.pixels.dtype.kind == "f" else self.pixels
-        self.range = (float(finite.min()), float(finite.max())) if finite.size else (0.0, 1.0)
+        self.range = value_range(self.pixels)
 
     def _build(self, text):
         kinds = stage_kinds(text)

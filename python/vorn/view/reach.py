@@ -54,4 +54,4 @@ def needed(kind, op, box, size):
 # Kinds whose computation honours the region requested on their output; the others compute
 # their whole output whatever they are asked, and are counted so.
 REGIONAL = {"gaussian", "median", "gradient", "laplace", "erode", "dilate", "open", "close",
-            "math", "math2"}
+            "math", "math2", "threshold", "cast", "mask"}

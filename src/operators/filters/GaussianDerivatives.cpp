@@ -8,6 +8,7 @@
 #include "OperatorSupport.hpp"
 #include "Parallel.hpp"
 #include "ParallelRegion.hpp"
+#include "RegionOutput.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -30,19 +31,19 @@ enum class Combine { Square, Add };
 // Over `target`: out = (or +=) d or d^2, d being the derivative of order `order` along each
 // axis in turn, the other axes smoothed. Each derivative after the first goes through
 // `scratch`, a float buffer of the image's size.
-void sumDerivatives(ProcessObject& op, unsigned order, Combine combine) {
+void sumDerivatives(ProcessObject& op, LocalOperator::WrittenBox& cleared, unsigned order,
+                    Combine combine) {
   const detail::ImagePtr input = detail::inputImage(op, 0);
   const detail::ImagePtr output = detail::outputImage(op, 0);
   const Layout layout = detail::layoutOf(*input);
   const std::vector<double> sigmas = detail::sigmaPerAxis(op, layout.size.size(), true);
   const unsigned threads = detail::threadsFor(op);
   const Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
-  detail::prepareFloatOutput(*input, *output);
+  detail::shapeOutput(*output, PixelType::FLOAT, input->getBufferedRegion());
+  detail::copyGeometry(*input, *output);
   float* out = static_cast<float*>(output->getBuffer());
-  if (target.empty()) {
-    std::fill_n(out, output->getPixelNumber(), 0.0f);
-    return;
-  }
+  Region written = target;
+  if (target.empty()) return detail::clearOutside(*output, layout, target, target, cleared);
   std::vector<float> scratch;
   const long first = target.start[0];
   const long width = target.size[0];
@@ -53,7 +54,8 @@ void sumDerivatives(ProcessObject& op, unsigned order, Combine combine) {
     }
     if (axis == 1) scratch.resize(static_cast<std::size_t>(layout.pixels()));
     float* derivative = axis == 0 ? out : scratch.data();
-    detail::correlateSeparable(*input, kernels, target, derivative, threads);
+    const Region box = detail::correlateSeparable(*input, kernels, target, derivative, threads);
+    if (axis == 0) written = box;
     detail::parallelSlabs(threads, target, -1u, [&](const Region& part) {
       detail::forEachRow(layout, part, 0, [&](long offset, const std::vector<long>&) {
         float* row = out + offset + first;
@@ -73,18 +75,18 @@ void sumDerivatives(ProcessObject& op, unsigned order, Combine combine) {
       });
     });
   }
-  if (target.size != layout.size) detail::zeroOutside(out, layout, target);
+  detail::clearOutside(*output, layout, target, written, cleared);
 }
 
 }  // namespace
 
 GradientMagnitude::GradientMagnitude() { declare(*this, "GradientMagnitude"); }
 
-void GradientMagnitude::generateData() { sumDerivatives(*this, 1, Combine::Square); }
+void GradientMagnitude::generateData() { sumDerivatives(*this, m_written, 1, Combine::Square); }
 
 LaplacianOfGaussian::LaplacianOfGaussian() { declare(*this, "LaplacianOfGaussian"); }
 
-void LaplacianOfGaussian::generateData() { sumDerivatives(*this, 2, Combine::Add); }
+void LaplacianOfGaussian::generateData() { sumDerivatives(*this, m_written, 2, Combine::Add); }
 
 std::vector<long> GradientMagnitude::inputHalo(unsigned int axes) {
   return detail::gaussianHalo(*this, axes, true);

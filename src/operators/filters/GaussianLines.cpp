@@ -20,12 +20,17 @@ struct Pass {
   Region region;
 };
 
-// The kernels that change something, in axis order, each pass writing what the next one reads;
-// the last writes `target`.
+// The kernels that change something, each pass writing what the next one reads; the last
+// writes `target`. Every pass but the last works on the target widened by the later passes'
+// radii, so the passes run from the last axis to the first: a volume's slices across its last
+// axis are the ones a stack is made of and looked at, and a view of one of them then smooths
+// its halo of slices once, down to the slice itself. The order is fixed, never chosen by the
+// target or the image's size, since float sums in another order round differently, and a
+// region or a chunk must give the bits of the whole image.
 std::vector<Pass> plan(const std::vector<LineKernel>& kernels, const Layout& image,
                        const Region& target) {
   std::vector<Pass> passes;
-  for (unsigned axis = 0; axis < kernels.size(); ++axis) {
+  for (unsigned axis = static_cast<unsigned>(kernels.size()); axis-- > 0;) {
     if (!kernels[axis].identity()) passes.push_back(Pass{axis, kernels[axis], Region{}});
   }
   Region needed = target;
@@ -234,13 +239,13 @@ std::vector<double> sigmaPerAxis(ProcessObject& op, std::size_t axes, bool posit
 }
 
 // The first pass reads the input, in its own type; the others work in place in the output.
-void correlateSeparable(const ImageObject& input, const std::vector<LineKernel>& kernels,
-                        const Region& target, float* output, unsigned threads) {
+Region correlateSeparable(const ImageObject& input, const std::vector<LineKernel>& kernels,
+                          const Region& target, float* output, unsigned threads) {
   const Layout layout = layoutOf(input);
   const std::vector<Pass> passes = plan(kernels, layout, target);
   if (passes.empty()) {
     copyTarget(input, layout, target, output);
-    return;
+    return target;
   }
   dispatchPixelType(input.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
@@ -249,14 +254,7 @@ void correlateSeparable(const ImageObject& input, const std::vector<LineKernel>&
   for (std::size_t i = 1; i < passes.size(); ++i) {
     runPass(output, output, layout, passes[i], threads);
   }
-}
-
-void prepareFloatOutput(const ImageObject& input, ImageObject& output) {
-  const bool reusable = output.getManageItsBuffer() && output.getBuffer() != nullptr &&
-                        output.getPointType() == PixelType::FLOAT &&
-                        output.getBufferedRegion() == input.getBufferedRegion();
-  if (!reusable) output.Allocate(PixelType::FLOAT, input.getBufferedRegion());
-  copyGeometry(input, output);
+  return passes.front().region;
 }
 
 std::vector<long> gaussianHalo(ProcessObject& op, std::size_t axes, bool positive) {

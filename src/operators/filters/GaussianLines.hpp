@@ -35,13 +35,10 @@ std::vector<long> gaussianHalo(ProcessObject& op, std::size_t axes, bool positiv
 
 // Writes into `output` (a float buffer of the input's layout), over `target`, the input
 // correlated along each axis with kernels[axis]. The passes work in place in `output` and
-// leave scratch values in it around `target`; `threads` share each pass.
-void correlateSeparable(const ImageObject& input, const std::vector<LineKernel>& kernels,
-                        const Region& target, float* output, unsigned threads);
-
-// Makes `output` a FLOAT image of the input's box and geometry, keeping its buffer when it
-// already is one: a fresh buffer costs a page fault per 4 KiB, more than a cheap pass.
-void prepareFloatOutput(const ImageObject& input, ImageObject& output);
+// leave scratch values in it around `target`, within the box answered; `threads` share each
+// pass.
+Region correlateSeparable(const ImageObject& input, const std::vector<LineKernel>& kernels,
+                          const Region& target, float* output, unsigned threads);
 
 }  // namespace detail
 }  // namespace vorn

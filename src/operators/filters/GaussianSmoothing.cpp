@@ -6,7 +6,7 @@
 #include "GaussianLines.hpp"
 #include "OperatorSupport.hpp"
 #include "Parallel.hpp"
-#include "ParallelRegion.hpp"
+#include "RegionOutput.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -26,18 +26,18 @@ void GaussianSmoothing::generateData() {
   const std::vector<double> sigmas = detail::sigmaPerAxis(*this, layout.size.size(), false);
   const unsigned threads = detail::threadsFor(*this);
   const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
-  detail::prepareFloatOutput(*input, *output);
-  float* pixels = static_cast<float*>(output->getBuffer());
-  if (target.empty()) {
-    std::fill_n(pixels, output->getPixelNumber(), 0.0f);
-    return;
+  detail::shapeOutput(*output, PixelType::FLOAT, input->getBufferedRegion());
+  detail::copyGeometry(*input, *output);
+  detail::Region scratch = target;
+  if (!target.empty()) {
+    std::vector<detail::LineKernel> kernels;
+    for (unsigned axis = 0; axis < sigmas.size(); ++axis) {
+      kernels.push_back(detail::gaussianKernel(sigmas[axis], 0, layout.size[axis]));
+    }
+    scratch = detail::correlateSeparable(*input, kernels, target,
+                                         static_cast<float*>(output->getBuffer()), threads);
   }
-  std::vector<detail::LineKernel> kernels;
-  for (unsigned axis = 0; axis < sigmas.size(); ++axis) {
-    kernels.push_back(detail::gaussianKernel(sigmas[axis], 0, layout.size[axis]));
-  }
-  detail::correlateSeparable(*input, kernels, target, pixels, threads);
-  if (target.size != layout.size) detail::zeroOutside(pixels, layout, target);
+  detail::clearOutside(*output, layout, target, scratch, m_written);
 }
 
 std::vector<long> GaussianSmoothing::inputHalo(unsigned int axes) {

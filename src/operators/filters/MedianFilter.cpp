@@ -15,6 +15,7 @@
 #include "OperatorSupport.hpp"
 #include "Parallel.hpp"
 #include "ParallelRegion.hpp"
+#include "RegionOutput.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -274,10 +275,16 @@ void MedianFilter::generateData() {
     detail::throwBadParameter(*this, "size", getParameterValue("size"),
                               "the windows of a row would cover 2^32 pixels or more");
   }
-  detail::allocateLike(*input, *output, [&](const auto* in, auto* out) {
-    if (!target.empty()) median(in, out, layout, half, target, threads);
-    if (target.size != layout.size) detail::zeroOutside(out, layout, target);
+  const PixelType::Type type = input->getPointType();
+  detail::dispatchPixelType(type, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    detail::shapeOutput(*output, type, input->getBufferedRegion());
+    detail::copyGeometry(*input, *output);
+    const T* in = static_cast<const T*>(static_cast<const ImageObject&>(*input).getBuffer());
+    if (!target.empty())
+      median(in, static_cast<T*>(output->getBuffer()), layout, half, target, threads);
   });
+  detail::clearOutside(*output, layout, target, target, m_written);
 }
 
 std::vector<long> MedianFilter::inputHalo(unsigned int axes) { return halfSizes(*this, axes); }

@@ -9,6 +9,7 @@
 
 #include "ParallelRows.hpp"
 #include "PixelConversion.hpp"
+#include "RegionOutput.hpp"
 #include "vorn/Parameter.hpp"
 
 namespace vorn {
@@ -166,7 +167,7 @@ void MathOperator::generateData() {
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const detail::Layout layout = detail::layoutOf(*first);
   const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
-  detail::allocateForRegion(*output, request.type, first->getBufferedRegion(), layout, target);
+  detail::shapeOutput(*output, request.type, first->getBufferedRegion());
   detail::copyGeometry(*first, *output);
   detail::parallelRows(threads, layout, target,
                        [&](long offset, const std::vector<long>&, long begin, long width) {
@@ -177,6 +178,7 @@ void MathOperator::generateData() {
                          apply(request.op.op, a.data(), b.data(), a.data(), width);
                          storeRow(a.data(), width, *output, offset + begin);
                        });
+  detail::clearOutside(*output, layout, target, target, m_written);
 }
 
 std::vector<long> MathOperator::inputHalo(unsigned int axes) { return std::vector<long>(axes, 0); }

@@ -1,7 +1,8 @@
 // The slice view's page: controls from /api/info, slices over the WebSocket.
 // window.vornView is the page's interface for scripts: set(stage, parameter, value) and
 // show(axis, index) answer a Promise once the answering slice is drawn (or refused);
-// lastLatencyMs is the time from the last answered event to its pixels drawn.
+// lastLatencyMs is the time from the last answered event to its pixels drawn, lastDrawMs the
+// page's part of it (decoding and painting the answer).
 "use strict";
 (function () {
   const token = new URLSearchParams(location.search).get("token") || "";
@@ -11,7 +12,7 @@
   const state = { axis: 2, index: 0, size: [1, 1, 1], range: [0, 1], output: null, input: null,
                   nextId: 1, pending: [], socket: null, controls: {} };
   const api = {
-    lastLatencyMs: null, lastCost: null, lastError: null, frames: 0, info: null,
+    lastLatencyMs: null, lastDrawMs: null, lastCost: null, lastError: null, frames: 0, info: null,
     set(stage, parameter, value) {
       const control = state.controls[stage + "." + parameter];
       if (control) control(String(value));
@@ -80,9 +81,16 @@
     const level = Number($("level").value), width = Math.max(Number($("window").value), 1e-12);
     const low = level - width / 2;
     const gray = (v) => Math.max(0, Math.min(255, ((v - low) / width) * 255));
-    if (state.input && !overlay) paint($("input"), state.input, (rgba, j, v) => {
+    // The input beside the output changes only with the slice or the window: a slider over a
+    // parameter repaints the output alone.
+    const shown = overlay ? null : { input: state.input, low, width };
+    const painted = state.painted;
+    const same = painted && shown && painted.input === shown.input && painted.low === low &&
+      painted.width === width;
+    if (state.input && shown && !same) paint($("input"), state.input, (rgba, j, v) => {
       rgba[j] = rgba[j + 1] = rgba[j + 2] = gray(v);
     });
+    state.painted = shown;
     if (overlay) {
       const under = state.input.values;
       paint($("output"), out, (rgba, j, v, k) => {
@@ -102,14 +110,15 @@
     const [h, w] = image.shape;
     if (canvas.width !== w || canvas.height !== h) { canvas.width = w; canvas.height = h; }
     const context = canvas.getContext("2d");
-    const pixels = context.createImageData(w, h);
-    const rgba = pixels.data;
-    const values = image.values;
-    for (let k = 0, j = 0; k < values.length; ++k, j += 4) {
-      color(rgba, j, values[k], k);
-      rgba[j + 3] = 255;
+    // One opaque ImageData per canvas and size: a fresh one per frame costs a large allocation.
+    if (!canvas.pixels || canvas.pixels.width !== w || canvas.pixels.height !== h) {
+      canvas.pixels = context.createImageData(w, h);
+      canvas.pixels.data.fill(255);
     }
-    context.putImageData(pixels, 0, 0);
+    const rgba = canvas.pixels.data;
+    const values = image.values;
+    for (let k = 0, j = 0; k < values.length; ++k, j += 4) color(rgba, j, values[k], k);
+    context.putImageData(canvas.pixels, 0, 0);
   }
 
   function describe(header) {
@@ -130,10 +139,12 @@
       settle(answer.id, { error: answer.error });
       return;
     }
+    const received = performance.now();
     const { header, output, input } = decode(event.data);
     state.output = output;
     if (input) state.input = input;
     draw();
+    api.lastDrawMs = performance.now() - received;
     api.frames += 1;
     api.lastError = null;
     api.lastCost = header.cost;
