@@ -255,13 +255,22 @@ void checkClaim(const PageShape& shape, std::uint32_t pages, std::uint64_t fileS
   }
 }
 
+// Millimetres per resolution unit, the unit of DICOM's spacing; 1 for the unit-less "none".
+double millimetresPerUnit(std::uint16_t unit) {
+  if (unit == RESUNIT_INCH) return 25.4;
+  if (unit == RESUNIT_CENTIMETER) return 10.0;
+  return 1.0;
+}
+
 void setResolution(TIFF* tiff, ImageObject& image) {
   float resolution[2] = {0.0f, 0.0f};
+  std::uint16_t unit = RESUNIT_INCH;  // TIFF's default when the tag is missing
   TIFFGetField(tiff, TIFFTAG_XRESOLUTION, &resolution[0]);
   TIFFGetField(tiff, TIFFTAG_YRESOLUTION, &resolution[1]);
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_RESOLUTIONUNIT, &unit);
   for (unsigned int axis = 0; axis < 2; ++axis) {
-    if (std::isfinite(resolution[axis]) && resolution[axis] > 0.0f)
-      image.setSpacing(axis, 1.0 / resolution[axis]);
+    const double spacing = millimetresPerUnit(unit) / resolution[axis];
+    if (std::isfinite(spacing) && spacing > 0.0) image.setSpacing(axis, spacing);
   }
 }
 
