@@ -90,6 +90,7 @@ DICOM_CASES = [
     ("SC_rgb_gdcm_KY.dcm", "SC_rgb_rle.dcm", 0),  # JPEG 2000 of a lossless quality
     ("SC_rgb_jpeg_dcmtk.dcm", "SC_rgb_rle.dcm", 1),  # JPEG baseline, YBR_FULL
     ("SC_rgb_dcmtk_+eb+cr.dcm", "SC_rgb_rle.dcm", 1),  # JPEG baseline, RGB
+    ("SC_rgb_dcmtk_+eb+cy+s2.dcm", "SC_rgb_rle.dcm", 1),  # JPEG baseline, YBR_FULL_422
     ("JPEG2000.dcm", "JPEG2000.dcm", 0),  # JPEG 2000, lossy
     ("693_J2KI.dcm", "693_J2KI.dcm", 0),  # JPEG 2000, lossy, 14 of 16 bits, signed
 ]
