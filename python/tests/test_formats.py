@@ -35,9 +35,9 @@ def tiff(array, **options):
     return lambda path: tifffile.imwrite(path, array, **options)
 
 
-def pillow_jpeg(array):
-    return lambda path: Image.fromarray(array).save(path, compression="tiff_jpeg", quality=90,
-                                                    dpi=(254, 127))
+def pillow_jpeg(array, mode):
+    return lambda path: Image.fromarray(array).convert(mode).save(
+        path, compression="tiff_jpeg", quality=90, dpi=(254, 127))
 
 
 # name, writer, the array it holds, vorn's spacing in mm (axis 0 first), largest difference
@@ -47,8 +47,9 @@ CASES = [
     ("i32-zlib.tif", tiff(RAMP.astype(np.int32) - 12, compression="zlib", photometric="minisblack"), RAMP - 12, (1, 1, 1), 0),
     ("f64-tiled.tif", tiff(RAMP[0].astype(np.float64) / 8, tile=(16, 16), resolution=(4.0, 2.0), resolutionunit="NONE"), RAMP[0] / 8, (0.25, 0.5), 0),
     ("u8-big.tif", tiff(RAMP.astype(np.uint8), bigtiff=True, photometric="minisblack"), RAMP, (1, 1, 1), 0),
-    ("gray-jpeg.tif", pillow_jpeg(SMOOTH), SMOOTH, (0.1, 0.2), 3),
-    ("rgb-jpeg.tif", pillow_jpeg(COLOUR), luma(COLOUR), (0.1, 0.2), 3),
+    ("gray-jpeg.tif", pillow_jpeg(SMOOTH, "L"), SMOOTH, (0.1, 0.2), 3),
+    ("rgb-jpeg.tif", pillow_jpeg(COLOUR, "RGB"), luma(COLOUR), (0.1, 0.2), 3),
+    ("ycbcr-jpeg.tif", pillow_jpeg(COLOUR, "YCbCr"), luma(COLOUR), (0.1, 0.2), 3),
     ("s16.nii.gz", nifti(nib.Nifti1Image, RAMP.astype(np.int16), (0.5, 2.0, 3.0)), RAMP, (0.5, 2.0, 3.0), 0),
     ("f32-2.nii", nifti(nib.Nifti2Image, RAMP.astype(np.float32) / 4, (1.5, 1.0, 0.25)), RAMP / 4, (1.5, 1.0, 0.25), 0),
 ]
