@@ -4,7 +4,7 @@
 # job, seeded with its corpus (fuzz/corpus/<target>) and small real files from Debian packages
 # (python3-nibabel's NIfTI test data, python3-skimage's sample PNGs and TIFFs, pydicom's test
 # files) and small TIFFs written by tifffile and Pillow in each compression they write. A unit counts as a finding when it crashes, holds more
-# than 512 MB, asks for more than 256 MB in one allocation, or runs longer than 2 seconds.
+# than 512 MB, asks for more than 256 MB in one allocation, runs longer than 2 seconds or leaks.
 # Prints one line per target. New units go to build/fuzz/corpus/<target>, findings to
 # build/fuzz/findings/<target>; a finding, once fixed, joins fuzz/corpus/<target> with a test.
 #
@@ -88,7 +88,7 @@ for target in "${targets[@]}"; do
   after=$(find "$corpus" -type f | wc -l)
   executions=$(grep -o '^#[0-9]*' "$log" | tail -1 | tr -d '#')
   count() { find "$findings" -name "$1-*" | wc -l; }
-  printf '%s: %s executions, %d new units, %d crashes, %d out-of-memory, %d slow units, %d timeouts\n' \
+  printf '%s: %s executions, %d new units, %d crashes, %d out-of-memory, %d slow units, %d timeouts, %d leaks\n' \
     "$target" "${executions:-0}" $((after - before)) "$(count crash)" "$(count oom)" \
-    "$(count slow-unit)" "$(count timeout)"
+    "$(count slow-unit)" "$(count timeout)" "$(count leak)"
 done
