@@ -9,7 +9,7 @@ packages=(cmake make g++ libboost-dev libgtest-dev libbenchmark-dev
   python3-venv python3-pip python3-setuptools python3-wheel python3-mypy ccache
   dpkg-dev file pkg-config graphviz doxygen
   clang libclang-rt-dev  # the libFuzzer programs, which test.sh builds
-  python3-tifffile python3-nibabel python3-pydicom  # the real-file tests compare with what they read
+  python3-tifffile python3-nibabel python3-pydicom python3-pil  # the real-file tests compare with what they read
   python3-skimage  # its sample photographs: the demo test runs on one
   python3-scipy  # the reference scripts/bench_scipy_*.py time vorn against
   python3-tornado chromium chromium-driver python3-selenium  # vorn.view and its browser test

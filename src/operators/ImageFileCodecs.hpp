@@ -31,7 +31,7 @@ struct Codec {
 
 // Every format vorn knows, in the order their signatures are tried.
 const std::vector<Codec>& codecs();
-// "PNG, NIfTI-1/2, ...": the names of the table, for messages and help texts.
+// "DICOM, PNG, NIfTI-1/2, ...": the names of the table, for messages and help texts.
 std::string codecNames();
 // ".png, .nii, ...": the extensions writeImageFile accepts.
 std::string writableExtensions();

@@ -92,6 +92,9 @@ TEST(HostileFile, IsRefusedNamingWhatIsWrongWithinASmallAddressSpace) {
        "claims 4611123094243246436 bytes, more than the 55 bytes of the gzip file can expand to"},
       {"nifti_gz_reader/hostile-gzip-ends-early.nii.gz",
        "the file ends after 1700 of the 983010 bytes of voxels its header claims"},
+      {"tiff_reader/hostile-tile-claims-62gb.tif",
+       "TIFF tiles of 1951596560 x 16 pixels (62451089920 bytes) are empty or larger"},
+      {"tiff_reader/hostile-tile-claims-3gb.tif", "TIFF tiles of 122 x 14155792 pixels"},
       {"dicom_reader/hostile-element-claims-4gb.dcm",
        "DICOM element (0009,1010) at byte 172 claims 4026531840 bytes, more than the 16 bytes "
        "left in the file"},

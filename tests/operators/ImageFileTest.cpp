@@ -320,7 +320,8 @@ TEST(ImageFileRead, RefusesCorruptAndLyingFilesLeavingTheImageAsItWas) {
     std::string problem;
   } cases[] = {
       {"empty.png", {}, "empty file"},
-      {"text.nii", Bytes(text.begin(), text.end()), "not a supported image file (PNG, NIfTI"},
+      {"text.nii", Bytes(text.begin(), text.end()),
+       "not a supported image file (DICOM, PNG, NIfTI"},
       {"text.nii.gz", gzipped(Bytes(text.begin(), text.end())), "not a PNG or NIfTI-1 file"},
       {"half.png", Bytes(good.begin(), good.begin() + static_cast<long>(good.size() / 2)),
        "PNG chunk IDAT at byte 33 claims"},

@@ -72,7 +72,10 @@ void writeNifti(const ImageObject& image, const std::string& temporary, const st
 }
 
 std::vector<Codec> buildCodecs() {
+  // DICOM first: its 128-byte preamble is free for another format's header (files that are
+  // both TIFF and DICOM exist), so only its "DICM" at byte 128 tells it apart.
   return {
+      {"DICOM", {".dcm"}, isDicomSignature, readDicomFile, nullptr, true},
       {"PNG", {".png"}, isPngSignature, readPng, writePngFile, false},
       {"NIfTI-1/2", {".nii", ".nii.gz"}, recognisesNifti, readNifti, writeNifti, false},
       {"TIFF", {".tif", ".tiff"}, isTiffSignature, readTiffFile, writeTiffFile, false},
@@ -83,7 +86,6 @@ std::vector<Codec> buildCodecs() {
        readMetaImageFile,
        writeMetaImageFile,
        false},
-      {"DICOM", {".dcm"}, isDicomSignature, readDicomFile, nullptr, true},
   };
 }
 

@@ -98,14 +98,17 @@ std::string describe(const Slice& s) {
 
 void requireSupported(const Slice& s) {
   const bool gray = s.photometric == "MONOCHROME1" || s.photometric == "MONOCHROME2";
-  const bool colour = s.photometric == "RGB" || s.photometric == "YBR_FULL";
+  // JPEG's YBR_FULL_422 names the stream's subsampling; the codec returns full YBR_FULL rows.
+  const bool jpeg = s.syntax.IsEncapsulated() && s.syntax != gdcm::TransferSyntax::RLELossless;
+  const bool colour = s.photometric == "RGB" || s.photometric == "YBR_FULL" ||
+                      (jpeg && s.photometric == "YBR_FULL_422");
   const bool bits = s.bitsAllocated == 8 || s.bitsAllocated == 16 || s.bitsAllocated == 32;
   const bool stored = s.bitsStored >= 1 && s.bitsStored <= s.bitsAllocated &&
                       s.highBit + 1 >= s.bitsStored && s.highBit < s.bitsAllocated;
   if (((gray && s.samples == 1) || (colour && s.samples == 3)) && bits && stored) return;
   throw ImageFileError(s.path, "DICOM " + describe(s) +
                                    " is not supported (gray MONOCHROME1/2 or RGB/YBR_FULL "
-                                   "samples of 8, 16 or 32 bits)");
+                                   "samples of 8, 16 or 32 bits; YBR_FULL_422 in JPEG)");
 }
 
 std::uint64_t frameBytes(const Slice& s) {
@@ -348,15 +351,15 @@ double storedValue(const unsigned char* bytes, std::uint64_t index, const Slice&
   return static_cast<double>(value);
 }
 
-// Gray values as they are; RGB as its luma, rounded as the PNG reader does; YBR_FULL's luma is
-// its Y.
+// Gray values as they are; RGB as its luma, rounded as the PNG reader does; YBR_FULL's (and
+// decoded YBR_FULL_422's) luma is its Y.
 double grayValue(const unsigned char* frame, std::uint64_t k, std::uint64_t pixels,
                  const Slice& s) {
   if (s.samples == 1) return storedValue(frame, k, s) * s.slope + s.intercept;
   const auto sample = [&](unsigned c) {
     return storedValue(frame, s.planar ? c * pixels + k : 3 * k + c, s);
   };
-  if (s.photometric == "YBR_FULL") return sample(0);
+  if (s.photometric.rfind("YBR_FULL", 0) == 0) return sample(0);
   return std::floor((299 * sample(0) + 587 * sample(1) + 114 * sample(2) + 500) / 1000);
 }
 

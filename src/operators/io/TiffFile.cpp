@@ -124,6 +124,19 @@ bool isColour(const PageShape& shape, const std::string& path) {
                                  std::to_string(shape.planar) + ") is not supported");
 }
 
+// A tile's size is claimed apart from the page's, so it is bounded as libtiff's own buffers are.
+void requireTileWithin(TIFF* tiff, std::uint64_t cap, const std::string& path) {
+  std::uint32_t width = 0, height = 0;
+  TIFFGetField(tiff, TIFFTAG_TILEWIDTH, &width);
+  TIFFGetField(tiff, TIFFTAG_TILELENGTH, &height);
+  const std::uint64_t bytes = TIFFTileSize64(tiff);
+  if (width == 0 || height == 0 || bytes == 0 || bytes > cap)
+    throw ImageFileError(path, "TIFF tiles of " + std::to_string(width) + " x " +
+                                   std::to_string(height) + " pixels (" + std::to_string(bytes) +
+                                   " bytes) are empty or larger than the " + std::to_string(cap) +
+                                   " bytes a tile of this file may hold");
+}
+
 // One page decoded into `out`: its rows one after the other, samples as the file holds them.
 bool decodePage(TIFF* tiff, const PageShape& shape, std::uint64_t rowBytes, unsigned char* out) {
   if (!TIFFIsTiled(tiff)) {
@@ -255,13 +268,22 @@ void checkClaim(const PageShape& shape, std::uint32_t pages, std::uint64_t fileS
   }
 }
 
+// Millimetres per resolution unit, the unit of DICOM's spacing; 1 for the unit-less "none".
+double millimetresPerUnit(std::uint16_t unit) {
+  if (unit == RESUNIT_INCH) return 25.4;
+  if (unit == RESUNIT_CENTIMETER) return 10.0;
+  return 1.0;
+}
+
 void setResolution(TIFF* tiff, ImageObject& image) {
   float resolution[2] = {0.0f, 0.0f};
+  std::uint16_t unit = RESUNIT_INCH;  // TIFF's default when the tag is missing
   TIFFGetField(tiff, TIFFTAG_XRESOLUTION, &resolution[0]);
   TIFFGetField(tiff, TIFFTAG_YRESOLUTION, &resolution[1]);
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_RESOLUTIONUNIT, &unit);
   for (unsigned int axis = 0; axis < 2; ++axis) {
-    if (std::isfinite(resolution[axis]) && resolution[axis] > 0.0f)
-      image.setSpacing(axis, 1.0 / resolution[axis]);
+    const double spacing = millimetresPerUnit(unit) / resolution[axis];
+    if (std::isfinite(spacing) && spacing > 0.0) image.setSpacing(axis, spacing);
   }
 }
 
@@ -309,6 +331,7 @@ void readTiffFile(const std::string& path, std::uint64_t fileSize, const ImageRe
     if (shape.compression == COMPRESSION_JPEG && shape.photometric == PHOTOMETRIC_YCBCR) {
       TIFFSetField(tiff.get(), TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
     }
+    if (TIFFIsTiled(tiff.get())) requireTileWithin(tiff.get(), cap, path);
     if (!decodePage(tiff.get(), shape, rowBytes, page.data()))
       throw ImageFileError(path, "bad TIFF data: " + message.text);
     Palette palette;
