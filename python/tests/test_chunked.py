@@ -176,7 +176,7 @@ def test_a_killed_worker_does_not_change_the_result(tmp_path):
     pixels = image((64, 64, 64), np.float32)
     source = save(tmp_path / "in.zarr", pixels, (16, 16, 16))
     destination = str(tmp_path / "out.zarr")
-    text = "gaussian sigma=2 ! threshold lower=100"
+    text = "gaussian sigma=2 ! otsu ! label"  # the merges' passes run on the workers too
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                                   dashboard_address=None) as cluster, \
             distributed.Client(cluster) as client:

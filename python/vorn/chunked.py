@@ -381,7 +381,11 @@ def _order(stages, sink):
 
 def _plan(text, ndim):
     with _LOCK, vorn.capture_output():  # the operators print when destroyed
-        return _plan_of(text, ndim)
+        try:
+            return _plan_of(text, ndim)
+        except ChunkedError as failure:
+            failure.__traceback__ = None  # its frames hold the operators: let them go in here
+            raise failure from None
 
 
 def _plan_of(text, ndim):
