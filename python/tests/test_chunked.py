@@ -138,6 +138,7 @@ def test_stats_merge_matches_the_whole_image(tmp_path):
         assert math.isclose(merged[name], getattr(whole, name), rel_tol=1e-12)
     out = zarr.open(str(tmp_path / "out.zarr"), mode="r")
     assert out.chunks == (8, 9, 7) and out.attrs["spacing"] == [0.5, 1.0, 2.0]
+    assert out.compressor is None  # stored as the source is
     np.testing.assert_array_equal(out[...], chunked.compute(text, pixels)[0])
 
 

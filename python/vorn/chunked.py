@@ -711,6 +711,7 @@ class _Input:
     origin: tuple = None
     path: str = ""  # of the Zarr array
     array: object = None  # the file's pixels
+    storage: dict = field(default_factory=dict)  # the Zarr array's compressor, for the output
 
     def piece(self, region):
         return (self.path, region) if self.array is None else np.array(self.array[region])
@@ -768,7 +769,8 @@ def _open_input(source, chunks):
         attrs = array.attrs.asdict()
         return _Input(array.shape, array.dtype, tuple(chunks or array.chunks),
                       _axes(attrs.get("spacing"), array.ndim, "spacing", path),
-                      _axes(attrs.get("origin"), array.ndim, "origin", path), path=path)
+                      _axes(attrs.get("origin"), array.ndim, "origin", path), path=path,
+                      storage={"compressor": array.compressor})
     image = vorn.readImageFile(path)
     pixels = np.asarray(image)
     return _Input(pixels.shape, pixels.dtype, tuple(chunks or (128,) * pixels.ndim),
@@ -825,7 +827,9 @@ def _open_destination(destination, text, first, chunks, plan, resume):
             raise ChunkedError(f"{destination} was not made by this pipeline on this source with "
                                f"these chunks: it cannot be resumed")
         return
-    array = zarr.open(destination, mode="w-", shape=first.shape, chunks=chunks, dtype=plan.dtype)
+    # Stored as the source is: plain chunk files from plain ones, zarr's default from a file.
+    array = zarr.open(destination, mode="w-", shape=first.shape, chunks=chunks, dtype=plan.dtype,
+                      **first.storage)
     array.attrs.update({"vorn_chunked": settings,
                         "spacing": list(first.spacing or (1.0,) * plan.ndim),
                         "origin": list(first.origin or (0.0,) * plan.ndim)})
