@@ -103,6 +103,11 @@ TEST(Otsu, MatchesSkimage) {
   for (std::size_t bin = 0; bin < counts.size(); ++bin) counts[bin] += rest[bin];
   EXPECT_EQ(vorn::OtsuThreshold::thresholdOf(counts, min, max),
             static_cast<vorn::OtsuThreshold&>(*op).getThreshold());
+  // Values outside a given range go to the end bins; no finite value gives 0.
+  const std::vector<double> ends =
+      vorn::OtsuThreshold::histogram(*makeImage<float>({2}, {0, 5}), 1, 2);
+  EXPECT_EQ(ends.front() + ends.back(), 2.0);
+  EXPECT_EQ(vorn::OtsuThreshold::thresholdOf(ends, kInf, -kInf), 0.0);
   EXPECT_EQ(valuesOf(*outputOf(
                 *runCatalog("otsu", {{"threshold", "2.15"}}, {makeImage<float>({4, 4}, values)}))),
             (std::vector<double>{0, 0, 0, 0, 0, 0, 1, 1, 0, 0, 0, 1, 1, 0, 0, 0}));
