@@ -88,6 +88,7 @@ GLOBAL = [
     ("gaussian sigma=1 ! otsu ! label", np.float32, "noise", (24, 25, 26), (9, 8, 11)),
     ("largest count=3", np.int16, "sparse", (21, 30, 17), (7, 11, 5)),
     ("largest count=2 connectivity=full", np.uint8, "sparse", (40, 37), (16, 3)),
+    ("largest count=40", np.float32, "sparse", (40, 37), (16, 3)),  # the cut falls in a tie
     ("stats ! threshold lower=100 ! largest count=500", np.float32, "noise", (24, 25), (5, 6)),
 ]
 
