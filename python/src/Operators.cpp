@@ -47,7 +47,12 @@ void bindIntensityAndGeometry(py::module_& m) {
                                                                            py::dynamic_attr())
       .def(py::init<unsigned int>(), py::arg("images") = 1);
   bindOperator<RescaleIntensity>(m, "RescaleIntensity");
-  bindOperator<OtsuThreshold>(m, "OtsuThreshold").def("getThreshold", &OtsuThreshold::getThreshold);
+  bindOperator<OtsuThreshold>(m, "OtsuThreshold")
+      .def("getThreshold", &OtsuThreshold::getThreshold)
+      .def_static("histogram", &OtsuThreshold::histogram, py::arg("image"), py::arg("min"),
+                  py::arg("max"), py::arg("threads") = 1)
+      .def_static("thresholdOf", &OtsuThreshold::thresholdOf, py::arg("counts"), py::arg("min"),
+                  py::arg("max"));
   py::class_<LabelFigures>(m, "LabelFigures")
       .def_readonly("label", &LabelFigures::label)
       .def_readonly("figures", &LabelFigures::figures)

@@ -57,6 +57,51 @@ def test_chunks_equal_the_whole_image(text, dtypes, shape, chunks):
     np.testing.assert_array_equal(result, whole)
 
 
+def structured(shape, dtype, kind, seed=0):
+    """sparse: 40% of the pixels non-zero, in clusters that cross chunks; odd: NaN and
+    infinities among the values; flat: one value."""
+    rng = np.random.default_rng(seed)
+    pixels = image(shape, dtype, seed)
+    if kind == "sparse":
+        pixels[rng.uniform(size=shape) > 0.4] = 0
+    elif kind == "odd":
+        pixels.flat[rng.integers(0, pixels.size, 5)] = [np.nan, np.inf, -np.inf, np.nan, np.inf]
+    elif kind == "flat":
+        pixels[...] = 7
+    return pixels
+
+
+# Operators whose output depends on the whole image: otsu's merged histogram, label's joined
+# components; chunks that do not divide the image, diagonal joins for full connectivity.
+GLOBAL = [
+    ("otsu", np.uint8, "noise", (21, 30, 17), (7, 11, 5)),
+    ("otsu", np.float32, "odd", (40, 37), (16, 3)),
+    ("otsu", np.int16, "flat", (9, 10), (4, 3)),
+    ("otsu threshold=100", np.float32, "noise", (9, 10), (4, 3)),
+    ("gaussian sigma=1 ! otsu ! gaussian sigma=1 ! otsu", np.int16, "noise", (19, 23, 26),
+     (3, 10, 9)),
+    ("label", np.uint8, "sparse", (21, 30, 17), (7, 11, 5)),
+    ("label connectivity=full", np.float32, "sparse", (19, 23, 26), (3, 10, 9)),
+    ("label connectivity=full", np.int16, "sparse", (40, 37), (16, 3)),
+    ("label", np.float32, "sparse", (40, 37), (7, 7)),
+    ("label connectivity=full", np.uint8, "sparse", (50,), (7,)),
+    ("gaussian sigma=1 ! otsu ! label", np.float32, "noise", (24, 25, 26), (9, 8, 11)),
+    ("largest count=3", np.int16, "sparse", (21, 30, 17), (7, 11, 5)),
+    ("largest count=2 connectivity=full", np.uint8, "sparse", (40, 37), (16, 3)),
+    ("largest count=40", np.float32, "sparse", (40, 37), (16, 3)),  # the cut falls in a tie
+    ("stats ! threshold lower=100 ! largest count=500", np.float32, "noise", (24, 25), (5, 6)),
+]
+
+
+@pytest.mark.parametrize("text, dtype, kind, shape, chunks", GLOBAL)
+def test_merged_operators_equal_the_whole_image(text, dtype, kind, shape, chunks):
+    pixels = structured(shape, dtype, kind)
+    whole, _ = chunked.compute(text, pixels)
+    result = chunked.apply(text, da.from_array(pixels, chunks=chunks)).compute()
+    assert result.dtype == whole.dtype
+    np.testing.assert_array_equal(result, whole)
+
+
 def test_uint16_reads_as_float32():
     pixels = image((12, 13), np.uint16)
     result = chunked.apply("gaussian sigma=1", da.from_array(pixels, chunks=5)).compute()
@@ -64,8 +109,9 @@ def test_uint16_reads_as_float32():
                                                           pixels.astype(np.float32))[0])
 
 
-def save(path, pixels, chunks):
-    array = zarr.open(str(path), mode="w", shape=pixels.shape, chunks=chunks, dtype=pixels.dtype)
+def save(path, pixels, chunks, **options):
+    array = zarr.open(str(path), mode="w", shape=pixels.shape, chunks=chunks, dtype=pixels.dtype,
+                      **options)
     array[...] = pixels
     array.attrs.update(spacing=[0.5, 1.0, 2.0], origin=[1.0, 2.0, 3.0])
     return str(path)
@@ -74,7 +120,8 @@ def save(path, pixels, chunks):
 def test_stats_merge_matches_the_whole_image(tmp_path):
     pixels = image((30, 22, 19), np.float32)
     text = "gaussian sigma=1.5 as=smooth ! stats as=figures ! threshold lower=100"
-    result = chunked.run(text, save(tmp_path / "in.zarr", pixels, (8, 9, 7)), tmp_path / "out.zarr")
+    source = save(tmp_path / "in.zarr", pixels, (8, 9, 7), compressor=None)  # read mapped
+    result = chunked.run(text, source, tmp_path / "out.zarr")
     smoothed, _ = chunked.compute("gaussian sigma=1.5", pixels)
     op, source = vorn.StatisticsOperator(), chunked._Source(vorn.ImageObject.from_array(smoothed))
     with vorn.capture_output():
@@ -92,6 +139,7 @@ def test_stats_merge_matches_the_whole_image(tmp_path):
         assert math.isclose(merged[name], getattr(whole, name), rel_tol=1e-12)
     out = zarr.open(str(tmp_path / "out.zarr"), mode="r")
     assert out.chunks == (8, 9, 7) and out.attrs["spacing"] == [0.5, 1.0, 2.0]
+    assert out.compressor is None  # stored as the source is
     np.testing.assert_array_equal(out[...], chunked.compute(text, pixels)[0])
 
 
@@ -130,7 +178,7 @@ def test_a_killed_worker_does_not_change_the_result(tmp_path):
     pixels = image((64, 64, 64), np.float32)
     source = save(tmp_path / "in.zarr", pixels, (16, 16, 16))
     destination = str(tmp_path / "out.zarr")
-    text = "gaussian sigma=2 ! threshold lower=100"
+    text = "gaussian sigma=2 ! otsu ! label"  # the merges' passes run on the workers too
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                                   dashboard_address=None) as cluster, \
             distributed.Client(cluster) as client:
@@ -169,6 +217,12 @@ REFUSED = [
     ("gaussian", [((8, 8), np.float64, 4)], chunked.ChunkedError, "float64"),
     ("gaussian as=g ; @g ! cast ; @g ! threshold", [((8, 8), np.uint8, 4)], chunked.ChunkedError,
      "one output"),
+    ("label ! cast type=short", [((8, 8), np.uint8, 4)], chunked.ChunkedError,
+     r"label \(label\) must be the last stage"),
+    ("largest count=0", [((8, 8), np.uint8, 4)], Exception, "count"),
+    ("otsu threshold=x", [((8, 8), np.uint8, 4)], Exception, "threshold"),
+    ("fill", [((8, 8), np.uint8, 4)], chunked.ChunkedError, r"fill \(fill\) needs its whole"),
+    ("crop start=1", [((8, 8), np.uint8, 4)], chunked.ChunkedError, r"crop \(crop\) needs"),
 ]
 
 
@@ -192,7 +246,7 @@ def test_run_refusals_write_nothing(tmp_path):
     with pytest.raises(chunked.ChunkedError, match="exists"):
         chunked.run("gaussian", source, existing)
     assert os.listdir(existing) == ["keep"]
-    for text in ("gaussian sigma=x", "gaussian ! otsu"):
+    for text in ("gaussian sigma=x", "gaussian ! distance"):
         with pytest.raises(Exception):
             chunked.run(text, source, tmp_path / "new.zarr")
         assert not (tmp_path / "new.zarr").exists()

@@ -100,11 +100,202 @@ class StatisticsMerge:
 
 # A merge: partial(core of its input) -> JSON-able figures of one chunk; combine(list in chunk
 # order) -> the whole image's; report(name, whole) -> its line. passes_through: the operator's
-# output is its input. One that changes the data (otsu's threshold, label's numbers) will also
-# need a second pass over the chunks with the combined figures, which run() does not have yet.
+# output is its input.
 MERGES = {"stats": StatisticsMerge()}
-_NOT_YET = {"otsu": "its histogram", "label": "labels across chunk borders",
-            "largest": "labels across chunk borders"}
+
+
+# ---- operators whose output depends on the whole image: figures merged before the output ----
+
+def _finite_range(core):
+    values = core[np.isfinite(core)] if core.dtype.kind == "f" else core
+    if values.size == 0:
+        return [math.inf, -math.inf]
+    return [float(values.min()), float(values.max())]
+
+
+def _image(core):
+    return vorn.ImageObject.from_array(np.ascontiguousarray(core))
+
+
+class OtsuMerge:
+    """otsu: the range of every chunk's input, then the 256-bin histogram of each over the
+    merged range (the operator's own binning), summed in chunk order to the whole image's
+    threshold, which the output pass gives the operator as its threshold parameter."""
+
+    passes = 2
+    sink_only = False
+
+    def applies(self, op):
+        return op.getParameterValue("threshold") == ""  # a given threshold is chunk-local
+
+    def partial(self, step, op, core, box, state):
+        if step == 0:
+            return _finite_range(core)
+        return vorn.OtsuThreshold.histogram(_image(core), *state)
+
+    def combine(self, step, partials, state):
+        if step == 0:
+            return [min(p[0] for p in partials), max(p[1] for p in partials)]
+        counts = np.sum(np.array(partials, dtype=np.float64), axis=0)
+        return vorn.OtsuThreshold.thresholdOf(list(counts), *state)
+
+    def fixed(self, state, index):
+        return state
+
+    def prepare(self, op, value):
+        op.setParameterValue("threshold", repr(float(value)))
+
+    def output(self, op, core, value):
+        raise AssertionError("otsu runs in the pipeline")  # sink_only is False
+
+
+def _planes(labels):
+    """The first and last plane of each axis of a chunk's labels."""
+    return [(np.take(labels, 0, axis), np.take(labels, -1, axis)) for axis in range(labels.ndim)]
+
+
+def _local_labels(op, core):
+    """The chunk's own components, numbered 1, 2, ... by vorn's labelling."""
+    label = vorn.ConnectedComponents()
+    label.setParameterValue("connectivity", op.getParameterValue("connectivity"))
+    source = _Source(_image(core))
+    label.getInputPort(0).connectTo(source.getOutputPort(0))
+    label.update()
+    return np.asarray(label.getOutputPort(0).getData()).astype(np.int64)
+
+
+def _roots(total, a, b):
+    """Union-find over the pairs (a, b) of ids 0..total: each id's smallest connected id."""
+    root = np.arange(total + 1)
+    while a.size and not np.array_equal(root[a], root[b]):
+        low = np.minimum(root[a], root[b])
+        np.minimum.at(root, root[a], low)
+        np.minimum.at(root, root[b], low)
+        while True:  # every id straight to its root
+            jumped = root[root]
+            if np.array_equal(jumped, root):
+                break
+            root = jumped
+    return root
+
+
+def _shifts(ndim, full):
+    """Offsets within a plane of the neighbours across it: itself, or every diagonal too."""
+    return itertools.product((-1, 0, 1), repeat=ndim) if full else [(0,) * ndim]
+
+
+def _pairs(low, high, full):
+    """The labelled pixel pairs neighbouring across two adjacent planes."""
+    for shift in _shifts(low.ndim, full):
+        a = tuple(slice(max(0, -s), n - max(0, s)) for s, n in zip(shift, low.shape))
+        b = tuple(slice(max(0, s), n - max(0, -s)) for s, n in zip(shift, low.shape))
+        x, y = low[a], high[b]
+        both = (x > 0) & (y > 0)
+        yield x[both], y[both]
+
+
+def _plane_at(partials, offsets, axis, boundary, side, shape):
+    """The plane of global ids on one side of a chunk boundary, from every chunk touching it."""
+    plane = np.zeros(shape[:axis] + shape[axis + 1:], np.int64)
+    for chunk, p in enumerate(partials):
+        start, stop = p["core"][axis]
+        if (stop if side else start) == boundary:
+            labels = p["planes"][axis][side]
+            place = tuple(slice(a, b) for k, (a, b) in enumerate(p["core"]) if k != axis)
+            plane[place] = np.where(labels > 0, labels + offsets[chunk], 0)
+    return plane
+
+
+class LabelMerge:
+    """label and largest: each chunk labelled on its own; the labels of chunks that touch across
+    a face (and, for full connectivity, an edge or a corner) joined over the pixel pairs that
+    neighbour across chunk borders, then numbered in memory order of each component's first
+    pixel, as the whole image is. Only as a pipeline's last stage: the output of a chunk needs
+    every chunk's labels."""
+
+    passes = 1
+    sink_only = True
+
+    def __init__(self, largest):
+        self.largest = largest
+
+    def applies(self, op):
+        return True
+
+    def partial(self, step, op, core, box, state):
+        labels = _local_labels(op, core)
+        values, first = np.unique(labels.ravel(), return_index=True)
+        first = first[values > 0]  # local numbers follow the chunk's memory order, as global
+        starts = np.array([c.start for c in box.core])
+        return dict(index=box.index, core=[(c.start, c.stop) for c in box.core],
+                    count=int(values[-1]), planes=_planes(labels),
+                    firsts=np.transpose(np.unravel_index(first, labels.shape)) + starts,
+                    sizes=np.bincount(labels.ravel())[1:],
+                    full=op.getParameterValue("connectivity") == "full",
+                    keep=int(op.getParameterValue("count")) if self.largest else 0)
+
+    def combine(self, step, partials, state):
+        ndim = len(partials[0]["core"])
+        shape = tuple(max(p["core"][k][1] for p in partials) for k in range(ndim))
+        offsets = np.cumsum([0] + [p["count"] for p in partials])
+        root = _roots(int(offsets[-1]), *_joins(partials, offsets, shape))
+        firsts = np.concatenate([np.ravel_multi_index(p["firsts"].T, shape) if p["count"] else
+                                 np.zeros(0, np.int64) for p in partials])
+        final, count = _numbered(root, firsts)
+        if self.largest:
+            sizes = np.concatenate([[0]] + [p["sizes"] for p in partials])
+            final = _kept(final, count, sizes, partials[0]["keep"])
+        return {p["index"]: final[np.r_[0, offsets[c] + 1:offsets[c + 1] + 1]]
+                for c, p in enumerate(partials)}
+
+    def fixed(self, state, index):
+        return state[index]
+
+    def prepare(self, op, value):
+        pass
+
+    def output(self, op, core, table):
+        return table[_local_labels(op, core)].astype(np.uint8 if self.largest else np.float32)
+
+
+def _joins(partials, offsets, shape):
+    """Every pair of global ids whose pixels neighbour across a chunk border."""
+    full = partials[0]["full"]
+    pairs = [(np.zeros(0, np.int64), np.zeros(0, np.int64))]
+    for axis in range(len(shape)):
+        for boundary in sorted({p["core"][axis][0] for p in partials} - {0}):
+            low = _plane_at(partials, offsets, axis, boundary, 1, shape)
+            high = _plane_at(partials, offsets, axis, boundary, 0, shape)
+            pairs.extend(_pairs(low, high, full))
+    return np.concatenate([a for a, _ in pairs]), np.concatenate([b for _, b in pairs])
+
+
+def _numbered(root, firsts):
+    """Each global id's final label: components numbered by the memory order of their first
+    pixel; and how many there are."""
+    first = np.full(root.size, np.iinfo(np.int64).max)
+    np.minimum.at(first, root[1:], firsts)
+    roots = np.unique(root[1:])
+    if roots.size > 1 << 24:
+        raise ChunkedError(f"label: {roots.size} components; float pixels number at most "
+                           f"16777216 exactly")
+    number = np.zeros(root.size, np.int64)
+    number[roots[np.argsort(first[roots], kind="stable")]] = np.arange(1, roots.size + 1)
+    final = number[root]
+    final[0] = 0
+    return final, int(roots.size)
+
+
+def _kept(final, count, sizes, keep):
+    """1 for the ids of the `keep` largest components (ties to the lower label), else 0."""
+    size = np.bincount(final, weights=sizes, minlength=count + 1)[1:]
+    order = np.lexsort((np.arange(count), -size))[:keep]
+    kept = np.zeros(count + 1, np.int64)
+    kept[order + 1] = 1
+    return kept[final]
+
+
+GLOBALS = {"otsu": OtsuMerge(), "label": LabelMerge(False), "largest": LabelMerge(True)}
 
 
 # ---- the plan: the text's graph, halos and output type, made once before any chunk ----
@@ -130,6 +321,7 @@ class _Plan:
     open_inputs: list = field(default_factory=list)  # (stage name, input index)
     out_halo: dict = field(default_factory=dict)  # stage name -> halo of its output, NumPy order
     merges: list = field(default_factory=list)  # (stage name, command) of stages with a merge
+    globals: list = field(default_factory=list)  # (stage name, command) of GLOBALS, upstream first
     halo: tuple = ()  # NumPy order: pixels read beyond an output chunk on each side
     dtype: object = None  # of the output
 
@@ -147,11 +339,8 @@ def _stage_halo(op, command, ndim):
     halo = vorn.inputHalo(op, ndim)
     if halo is not None:
         return list(reversed(halo))
-    if command in MERGES and MERGES[command].passes_through:
-        return [0] * ndim
-    if command in _NOT_YET:
-        raise ChunkedError(f"{op.getName()} ({command}) needs the whole image and chunked runs "
-                           f"cannot merge {_NOT_YET[command]} yet")
+    if command in GLOBALS or (command in MERGES and MERGES[command].passes_through):
+        return [0] * ndim  # each reads its chunk alone once the merged figures are given
     raise ChunkedError(f"{op.getName()} ({command}) needs its whole input: it cannot run chunk "
                        f"by chunk")
 
@@ -192,7 +381,11 @@ def _order(stages, sink):
 
 def _plan(text, ndim):
     with _LOCK, vorn.capture_output():  # the operators print when destroyed
-        return _plan_of(text, ndim)
+        try:
+            return _plan_of(text, ndim)
+        except ChunkedError as failure:
+            failure.__traceback__ = None  # its frames hold the operators: let them go in here
+            raise failure from None
 
 
 def _plan_of(text, ndim):
@@ -205,6 +398,11 @@ def _plan_of(text, ndim):
         reach = [a + b for a, b in zip(out_halo[name], _stage_halo(op, command, ndim))]
         if command in MERGES:
             plan.merges.append((name, command))
+        if command in GLOBALS and GLOBALS[command].applies(op):
+            if GLOBALS[command].sink_only and name != sink:
+                raise ChunkedError(f"{name} ({command}) must be the last stage of a chunked "
+                                   f"pipeline: a chunk of its output needs every chunk's")
+            plan.globals.append((name, command))
         for feeder in feeders:
             if feeder is None:
                 needed = [max(a, b) for a, b in zip(needed, reach)]
@@ -212,6 +410,7 @@ def _plan_of(text, ndim):
                 out_halo[feeder] = [max(a, b) for a, b in zip(out_halo.get(feeder, reach), reach)]
     plan.out_halo = {name: tuple(h) for name, h in out_halo.items()}
     plan.merges.reverse()  # upstream first, as a whole-image run prints them
+    plan.globals.reverse()  # each one's figures need those upstream of it fixed
     plan.halo = tuple(needed)
     return plan
 
@@ -287,14 +486,16 @@ def _roi(core, halo, shape):
     return vorn.BoxRoi(vorn.Box(size[::-1], start[::-1]))
 
 
-def _compute(plan, blocks, box, spacing, origin):
+def _compute(plan, blocks, box, spacing, origin, fixed=None, step=None):
     """The pipeline on `blocks` (the inputs over box.region); the output over box.core and the
-    merges' figures. Without a box: the whole of the blocks, nothing requested."""
+    merges' figures. Without a box: the whole of the blocks, nothing requested. `fixed` holds
+    the merged figures of GLOBALS stages for this chunk; with `step` (stage name, pass, figures
+    merged so far) the chunk's partial figures for that stage are returned instead."""
     with _LOCK, vorn.capture_output():  # the operators also go within: they print when destroyed
-        return _update(plan, blocks, box, spacing, origin)
+        return _update(plan, blocks, box, spacing, origin, fixed or {}, step)
 
 
-def _update(plan, blocks, box, spacing, origin):
+def _connect(plan, blocks, spacing, origin):
     pipeline = vorn.TextPipeline.buildOpen(plan.text)
     ops = {op.getName(): op for op in pipeline.operators()}
     sources = []
@@ -307,6 +508,17 @@ def _update(plan, blocks, box, spacing, origin):
             image.origin = tuple(float(o) for o in origin[::-1])
         sources.append(_Source(image))
         ops[name].getInputPort(index).connectTo(sources[-1].getOutputPort(0))
+    return pipeline, ops, sources
+
+
+def _input_core(op, core):
+    """The stage's input over the chunk, its feeder updated."""
+    op.getInputPort(0).getConnection().getParent().update()
+    return np.asarray(op.getInputPort(0).getData())[core]
+
+
+def _update(plan, blocks, box, spacing, origin, fixed, step):
+    pipeline, ops, sources = _connect(plan, blocks, spacing, origin)
     core = (slice(None),) * plan.ndim
     if box is not None:
         core = box.core_in_region()
@@ -315,9 +527,20 @@ def _update(plan, blocks, box, spacing, origin):
     for op in ops.values():
         if isinstance(op, vorn.StatisticsOperator):
             op.silence()
+    commands = dict(plan.globals)
+    for name, value in fixed.items():
+        GLOBALS[commands[name]].prepare(ops[name], value)
+    if step is not None:
+        name, k, state = step
+        return GLOBALS[commands[name]].partial(k, ops[name], _input_core(ops[name], core), box,
+                                               state)
     sink = ops[plan.sink]
-    sink.update()
-    output = np.array(np.asarray(sink.getOutputPort(0).getData())[core])
+    if plan.sink in fixed and GLOBALS[commands[plan.sink]].sink_only:
+        output = GLOBALS[commands[plan.sink]].output(sink, _input_core(sink, core),
+                                                     fixed[plan.sink])
+    else:
+        sink.update()
+        output = np.array(np.asarray(sink.getOutputPort(0).getData())[core])
     figures = [MERGES[command].partial(np.asarray(ops[name].getInputPort(0).getData())[core])
                for name, command in plan.merges]
     return output, figures
@@ -379,7 +602,7 @@ class _Assembly:
         self.places = [(inside, into) for _, inside, into in pieces]
 
 
-def _apply_chunk(plan, assembly, *inputs):
+def _blocks(plan, assembly, inputs):
     shape = tuple(r.stop - r.start for r in assembly.box.region)
     blocks = []
     for chunks in inputs:
@@ -387,8 +610,43 @@ def _apply_chunk(plan, assembly, *inputs):
         for chunk, (inside, into) in zip(chunks, assembly.places):
             block[into] = chunk[inside]
         blocks.append(block)
+    return blocks
+
+
+def _apply_chunk(plan, assembly, merged, *inputs):
     origin = _shifted(assembly.origin, assembly.spacing, assembly.box.region, plan.ndim)
-    return _compute(plan, blocks, assembly.box, assembly.spacing, origin)[0]
+    return _compute(plan, _blocks(plan, assembly, inputs), assembly.box, assembly.spacing, origin,
+                    _fixed(plan, merged or {}, assembly.box.index))[0]
+
+
+def _apply_partial(plan, assembly, step, merged, state, *inputs):
+    origin = _shifted(assembly.origin, assembly.spacing, assembly.box.region, plan.ndim)
+    return _compute(plan, _blocks(plan, assembly, inputs), assembly.box, assembly.spacing, origin,
+                    _fixed(plan, merged or {}, assembly.box.index), step.at(state))
+
+
+class _Step:
+    """A pass over the chunks for a GLOBALS stage (a plain object: Dask passes it untouched)."""
+
+    def __init__(self, stage, index):
+        self.stage, self.index = stage, index
+
+    def at(self, state):
+        return self.stage, self.index, state
+
+
+def _combine(plan, step, state, partials):
+    return GLOBALS[dict(plan.globals)[step.stage]].combine(step.index, partials, state)
+
+
+def _merge_into(merged, step, state):
+    return dict(merged or {}, **{step.stage: state})
+
+
+def _fixed(plan, merged, index):
+    """What each GLOBALS stage needs of its merged figures for the chunk at `index`."""
+    commands = dict(plan.globals)
+    return {stage: GLOBALS[commands[stage]].fixed(state, index) for stage, state in merged.items()}
 
 
 def _dask_inputs(arrays):
@@ -415,11 +673,27 @@ def apply(text, arrays, *, spacing=None, origin=None):
     tokenize = _need("dask.base").tokenize
     name = "vorn-chunked-" + tokenize(text, spacing, origin, *[a.name for a in arrays])
     layer = {}
-    for box in _boxes(arrays[0].shape, arrays[0].chunks, plan.halo):
-        pieces = list(_pieces(box, arrays[0].chunks))
+    boxes = [(box, list(_pieces(box, arrays[0].chunks)))
+             for box in _boxes(arrays[0].shape, arrays[0].chunks, plan.halo)]
+
+    def task(function, box, pieces, *args):
         keys = [[(a.name,) + index for index, _, _ in pieces] for a in arrays]
-        layer[(name,) + box.index] = (_apply_chunk, plan, _Assembly(box, pieces, spacing, origin),
-                                      *keys)
+        return (function, plan, _Assembly(box, pieces, spacing, origin), *args, *keys)
+
+    merged = None  # the key of the merged figures of the GLOBALS stages so far
+    for stage, command in plan.globals:
+        state = None
+        for k in range(GLOBALS[command].passes):
+            step = _Step(stage, k)
+            partials = [f"{name}-{stage}-{k}-" + "-".join(map(str, box.index)) for box, _ in boxes]
+            for key, (box, pieces) in zip(partials, boxes):
+                layer[key] = task(_apply_partial, box, pieces, step, merged, state)
+            layer[f"{name}-{stage}-{k}"] = (_combine, plan, step, state, partials)
+            state = f"{name}-{stage}-{k}"
+        layer[f"{name}-{stage}"] = (_merge_into, merged, step, state)
+        merged = f"{name}-{stage}"
+    for box, pieces in boxes:
+        layer[(name,) + box.index] = task(_apply_chunk, box, pieces, merged)
     graph = HighLevelGraph.from_collections(name, layer, dependencies=arrays)
     return _need("dask.array").Array(graph, name, arrays[0].chunks, dtype=plan.dtype)
 
@@ -437,6 +711,7 @@ class _Input:
     origin: tuple = None
     path: str = ""  # of the Zarr array
     array: object = None  # the file's pixels
+    storage: dict = field(default_factory=dict)  # the Zarr array's compressor, for the output
 
     def piece(self, region):
         return (self.path, region) if self.array is None else np.array(self.array[region])
@@ -446,7 +721,28 @@ def _read(piece):
     if isinstance(piece, np.ndarray):
         return piece
     path, region = piece
-    return _need("zarr").open(path, mode="r")[region]
+    array = _need("zarr").open(path, mode="r")
+    mapped = _mapped(array, region)
+    return array[region] if mapped is None else mapped
+
+
+def _mapped(array, region):
+    """The region of an array stored as plain chunk files (no compressor or filter, C order, in
+    a folder), read through a mapping of each file: only the pages the region covers are read,
+    where zarr reads every chunk the halo touches whole, up to 27 of them for one 3-d block.
+    None for any other array."""
+    store = array.store
+    if (array.compressor is not None or array.filters or array.order != "C"
+            or not isinstance(store, _need("zarr").storage.DirectoryStore)):
+        return None
+    grid = [tuple(min(c, n - s) for s in range(0, n, c)) for n, c in zip(array.shape, array.chunks)]
+    block = np.empty(tuple(r.stop - r.start for r in region), array.dtype)
+    for index, inside, into in _pieces(_Box((), region, region), grid):
+        file = os.path.join(store.path, array._chunk_key(index))
+        if not os.path.isfile(file):
+            return None  # a chunk never written holds the fill value: zarr knows it
+        block[into] = np.memmap(file, array.dtype, "r", shape=array.chunks)[inside]
+    return block
 
 
 def _axes(values, ndim, what, where):
@@ -473,7 +769,8 @@ def _open_input(source, chunks):
         attrs = array.attrs.asdict()
         return _Input(array.shape, array.dtype, tuple(chunks or array.chunks),
                       _axes(attrs.get("spacing"), array.ndim, "spacing", path),
-                      _axes(attrs.get("origin"), array.ndim, "origin", path), path=path)
+                      _axes(attrs.get("origin"), array.ndim, "origin", path), path=path,
+                      storage={"compressor": array.compressor})
     image = vorn.readImageFile(path)
     pixels = np.asarray(image)
     return _Input(pixels.shape, pixels.dtype, tuple(chunks or (128,) * pixels.ndim),
@@ -491,17 +788,23 @@ def _marker(destination, index):
     return os.path.join(destination, _DONE, ".".join(map(str, index)))
 
 
-def _run_chunk(plan, destination, box, pieces, spacing, origin):
+def _run_chunk(plan, destination, box, pieces, spacing, origin, fixed):
     """Computes one chunk, writes it, then its marker with its figures; returns the figures."""
     blocks = [_read(piece) for piece in pieces]
     output, figures = _compute(plan, blocks, box, spacing,
-                               _shifted(origin, spacing, box.region, plan.ndim))
+                               _shifted(origin, spacing, box.region, plan.ndim), fixed)
     _need("zarr").open(destination, mode="r+")[box.core] = output
     marker = _marker(destination, box.index)
     with open(marker + ".tmp", "w") as file:
         json.dump(figures, file)
     os.replace(marker + ".tmp", marker)  # the chunk counts as written only now
     return figures
+
+
+def _partial_chunk(plan, box, pieces, spacing, origin, fixed, step):
+    blocks = [_read(piece) for piece in pieces]
+    return _compute(plan, blocks, box, spacing, _shifted(origin, spacing, box.region, plan.ndim),
+                    fixed, step)
 
 
 def _settings(text, first, chunks, dtype):
@@ -524,7 +827,9 @@ def _open_destination(destination, text, first, chunks, plan, resume):
             raise ChunkedError(f"{destination} was not made by this pipeline on this source with "
                                f"these chunks: it cannot be resumed")
         return
-    array = zarr.open(destination, mode="w-", shape=first.shape, chunks=chunks, dtype=plan.dtype)
+    # Stored as the source is: plain chunk files from plain ones, zarr's default from a file.
+    array = zarr.open(destination, mode="w-", shape=first.shape, chunks=chunks, dtype=plan.dtype,
+                      **first.storage)
     array.attrs.update({"vorn_chunked": settings,
                         "spacing": list(first.spacing or (1.0,) * plan.ndim),
                         "origin": list(first.origin or (0.0,) * plan.ndim)})
@@ -560,33 +865,37 @@ def _prepare_run(text, source, destination, chunks, resume):
     return plan, inputs, destination, list(_boxes(first.shape, grid, plan.halo))
 
 
-def _tasks(plan, inputs, destination, boxes):
-    first = inputs[0]
-    for box in boxes:
-        if not os.path.exists(_marker(destination, box.index)):
-            yield box, (plan, destination, box, [i.piece(box.region) for i in inputs],
-                        first.spacing, first.origin)
-
-
-def _run_local(tasks, progress):
-    dask = _need("dask")
-    jobs = [dask.delayed(_run_chunk, pure=False)(*args) for _, args in tasks]
-    if progress:
-        with _need("dask.diagnostics").ProgressBar(out=sys.stdout):
-            dask.compute(*jobs, scheduler="threads")
-    else:
-        dask.compute(*jobs, scheduler="threads")
-
-
-def _run_distributed(tasks, client, progress):
-    distributed = _need("distributed")
-    futures = [client.submit(_run_chunk, *args, pure=False) for _, args in tasks]
-    for done, future in enumerate(distributed.as_completed(futures), 1):
-        future.result()  # a failed chunk stops the run
+def _execute(calls, client, progress):
+    """Runs (function, *args) calls on the local scheduler or the client's workers; their
+    results in order. The first failure stops the run."""
+    if client is None:
+        dask = _need("dask")
+        jobs = [dask.delayed(call[0], pure=False)(*call[1:]) for call in calls]
+        with (_need("dask.diagnostics").ProgressBar(out=sys.stdout) if progress
+              else contextlib.nullcontext()):
+            return list(dask.compute(*jobs, scheduler="threads"))
+    futures = [client.submit(*call, pure=False) for call in calls]
+    for done, future in enumerate(_need("distributed").as_completed(futures), 1):
+        future.result()
         if progress:
             _bar(done, len(futures))
     if progress and futures:
         sys.stdout.write("\n")
+    return [future.result() for future in futures]
+
+
+def _merged(plan, inputs, boxes, client, progress):
+    """The merged figures of every GLOBALS stage, one pass over the chunks after another."""
+    first, merged = inputs[0], {}
+    for stage, command in plan.globals:
+        state = None
+        for k in range(GLOBALS[command].passes):
+            calls = [(_partial_chunk, plan, box, [i.piece(box.region) for i in inputs],
+                      first.spacing, first.origin, _fixed(plan, merged, box.index),
+                      (stage, k, state)) for box in boxes]
+            state = GLOBALS[command].combine(k, _execute(calls, client, progress), state)
+        merged[stage] = state
+    return merged
 
 
 def _bar(done, total, width=40):
@@ -605,18 +914,19 @@ def run(text, source, destination, *, chunks=None, client=None, resume=False, pr
     writing anything."""
     start = time.perf_counter()
     plan, inputs, destination, boxes = _prepare_run(text, source, destination, chunks, resume)
-    tasks = list(_tasks(plan, inputs, destination, boxes))
-    if client is None:
-        _run_local(tasks, progress)
-    else:
-        _run_distributed(tasks, client, progress)
+    merged = _merged(plan, inputs, boxes, client, progress)
+    first = inputs[0]
+    calls = [(_run_chunk, plan, destination, box, [i.piece(box.region) for i in inputs],
+              first.spacing, first.origin, _fixed(plan, merged, box.index))
+             for box in boxes if not os.path.exists(_marker(destination, box.index))]
+    _execute(calls, client, progress)
     figures = []
     for box in boxes:
         with open(_marker(destination, box.index)) as file:
             figures.append(json.load(file))
     seconds = time.perf_counter() - start
     size = sum(int(np.prod(i.shape)) * np.dtype(i.dtype).itemsize for i in inputs)
-    return RunResult(len(boxes), len(tasks), seconds, size, _reports(plan, figures))
+    return RunResult(len(boxes), len(calls), seconds, size, _reports(plan, figures))
 
 
 # ---- command line ----

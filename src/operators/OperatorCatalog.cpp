@@ -119,7 +119,7 @@ std::vector<OperatorInfo> buildCatalog() {
        &make<RescaleIntensity>},
       {"otsu",
        "A uchar 0/1 mask of the pixels above Otsu's threshold (256 bins over the range).",
-       {},
+       {{"threshold", "", "empty: Otsu's threshold of the image; a number: that threshold"}},
        1,
        1,
        &make<OtsuThreshold>},

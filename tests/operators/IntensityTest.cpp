@@ -93,6 +93,24 @@ TEST(Otsu, MatchesSkimage) {
             (std::vector<double>{0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0, 1, 1, 1, 0, 0}));
   const auto flat = runCatalog("otsu", {}, {makeImage<short>({3}, {4})});
   EXPECT_EQ(valuesOf(*outputOf(*flat)), (std::vector<double>{0, 0, 0}));
+  // Histograms of the halves over the whole range add up to the whole image's threshold, and a
+  // given threshold is applied as it is.
+  const double min = 0.05f, max = 3.1f;
+  std::vector<double> counts = vorn::OtsuThreshold::histogram(
+      *makeImage<float>({8}, {values.begin(), values.begin() + 8}), min, max);
+  const std::vector<double> rest = vorn::OtsuThreshold::histogram(
+      *makeImage<float>({8}, {values.begin() + 8, values.end()}), min, max);
+  for (std::size_t bin = 0; bin < counts.size(); ++bin) counts[bin] += rest[bin];
+  EXPECT_EQ(vorn::OtsuThreshold::thresholdOf(counts, min, max),
+            static_cast<vorn::OtsuThreshold&>(*op).getThreshold());
+  // Values outside a given range go to the end bins; no finite value gives 0.
+  const std::vector<double> ends =
+      vorn::OtsuThreshold::histogram(*makeImage<float>({2}, {0, 5}), 1, 2);
+  EXPECT_EQ(ends.front() + ends.back(), 2.0);
+  EXPECT_EQ(vorn::OtsuThreshold::thresholdOf(ends, kInf, -kInf), 0.0);
+  EXPECT_EQ(valuesOf(*outputOf(
+                *runCatalog("otsu", {{"threshold", "2.15"}}, {makeImage<float>({4, 4}, values)}))),
+            (std::vector<double>{0, 0, 0, 0, 0, 0, 1, 1, 0, 0, 0, 1, 1, 0, 0, 0}));
 }
 
 // NumPy per label: x = v[L == l], x[~isnan(x)], then len, min, max, mean, std, sum, and the
@@ -136,6 +154,7 @@ const Refusal kRefusals[] = {
     {"rescale", {{"in_min", "5"}, {"in_max", "1"}}, "below in_min"},
     {"rescale", {{"out_max", "abc"}}, "not a finite number"},
     {"otsu", {{"threads", "x"}}, "expected a count"},
+    {"otsu", {{"threshold", "1e999"}}, "not a finite number"},
     {"crop", {{"start", "9"}}, "axis 0 has only 4 pixels"},
     {"crop", {{"size", "0"}}, "expected whole numbers from 1"},
     {"crop", {{"start", "1,2,3,4"}}, "expected 1 value or 3"},

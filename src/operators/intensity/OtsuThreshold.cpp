@@ -1,7 +1,9 @@
 #include "vorn/operators/OtsuThreshold.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <optional>
 #include <vector>
 
 #include "IntensityRange.hpp"
@@ -14,8 +16,8 @@ namespace {
 constexpr std::size_t kBins = 256;
 using Histogram = std::array<double, kBins>;
 
-Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range, unsigned threads) {
-  const double perUnit = static_cast<double>(kBins) / (range.max - range.min);
+Histogram histogramOf(const ImageObject& image, double min, double max, unsigned threads) {
+  const double perUnit = static_cast<double>(kBins) / (max - min);
   return detail::dispatchPixelType(image.getPointType(), [&](auto tag) {
     using T = typename decltype(tag)::type;
     const T* pixels = static_cast<const T*>(image.getBuffer());
@@ -24,8 +26,10 @@ Histogram histogramOf(const ImageObject& image, const detail::ValueRange& range,
       for (std::size_t k = begin; k < end; ++k) {
         const double value = pixels[k];
         if (!std::isfinite(value)) continue;
-        const auto bin = static_cast<std::size_t>((value - range.min) * perUnit);
-        counts[bin < kBins ? bin : kBins - 1] += 1.0;
+        // A value below min would make a negative index, which has no size_t.
+        const double place = value > min ? (value - min) * perUnit : 0.0;
+        const auto bin = static_cast<std::size_t>(std::min(place, double{kBins - 1}));
+        counts[bin] += 1.0;
       }
       return counts;
     };
@@ -76,20 +80,39 @@ OtsuThreshold::OtsuThreshold() {
   setName("OtsuThreshold");
   addInput("ImageObject");
   addOutput("ImageObject");
+  addParameter(new Parameter("threshold", ""));
   addParameter(detail::threadsParameter());
 }
 
 double OtsuThreshold::getThreshold() const { return m_threshold; }
+
+std::vector<double> OtsuThreshold::histogram(const ImageObject& image, double min, double max,
+                                             unsigned threads) {
+  if (!(min < max)) return std::vector<double>(kBins, 0.0);
+  const Histogram counts = histogramOf(image, min, max, threads);
+  return {counts.begin(), counts.end()};
+}
+
+double OtsuThreshold::thresholdOf(const std::vector<double>& counts, double min, double max) {
+  if (!(min <= max)) return 0.0;
+  if (!(max > min) || counts.size() != kBins) return min;
+  Histogram bins{};
+  std::copy(counts.begin(), counts.end(), bins.begin());
+  return otsuThreshold(bins, detail::ValueRange{min, max});
+}
 
 void OtsuThreshold::generateData() {
   const unsigned threads = detail::threadsFor(*this);
   const detail::ImagePtr input = detail::inputImage(*this, 0);
   const detail::ImagePtr output = detail::outputImage(*this, 0);
   const ImageObject& in = *input;
-  const detail::ValueRange range = detail::valueRange(in, threads, true);
-  double threshold = range.empty() ? 0.0 : range.min;
-  if (!range.empty() && range.max > range.min) {
-    threshold = otsuThreshold(histogramOf(in, range, threads), range);
+  const std::optional<double> fixed = detail::optionalNumberParameter(*this, "threshold");
+  double threshold = 0.0;
+  if (fixed) {
+    threshold = *fixed;
+  } else {
+    const detail::ValueRange range = detail::valueRange(in, threads, true);
+    threshold = thresholdOf(histogram(in, range.min, range.max, threads), range.min, range.max);
   }
   const detail::Layout layout = detail::layoutOf(in);
   const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
