@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -299,28 +298,30 @@ void declare(ProcessObject& op, const char* name) {
 
 template <class T>
 void morphology(const T* in, T* out, const Layout& layout, const Region& target,
-                const Footprint& footprint, Kind kind, unsigned threads) {
+                const Footprint& footprint, Kind kind, unsigned threads,
+                std::vector<char>& between) {
   if (kind == Kind::Erode) {
     extremeFilter<Minimum<T>>(in, out, layout, target, footprint, threads);
   } else if (kind == Kind::Dilate) {
     extremeFilter<Maximum<T>>(in, out, layout, target, footprint, threads);
   } else {
     // The second filter reads the first one's result around the target, within its reach.
-    // Left uninitialised: the first filter writes all that the second reads.
-    const std::unique_ptr<T[]> first(new T[static_cast<std::size_t>(layout.pixels())]);
+    // Its old contents do not matter: the first filter writes all that the second reads.
+    between.resize(sizeof(T) * static_cast<std::size_t>(layout.pixels()));
+    T* first = reinterpret_cast<T*>(between.data());
     const Region around = widenedBy(target, footprint, layout);
     if (kind == Kind::Open) {
-      extremeFilter<Minimum<T>>(in, first.get(), layout, around, footprint, threads);
-      extremeFilter<Maximum<T>>(first.get(), out, layout, target, footprint, threads);
+      extremeFilter<Minimum<T>>(in, first, layout, around, footprint, threads);
+      extremeFilter<Maximum<T>>(first, out, layout, target, footprint, threads);
     } else {
-      extremeFilter<Maximum<T>>(in, first.get(), layout, around, footprint, threads);
-      extremeFilter<Minimum<T>>(first.get(), out, layout, target, footprint, threads);
+      extremeFilter<Maximum<T>>(in, first, layout, around, footprint, threads);
+      extremeFilter<Minimum<T>>(first, out, layout, target, footprint, threads);
     }
   }
   if (target.size != layout.size) detail::zeroOutside(out, layout, target);
 }
 
-void run(ProcessObject& op, Kind kind) {
+void run(ProcessObject& op, Kind kind, std::vector<char>& between) {
   const detail::ImagePtr input = detail::inputImage(op, 0);
   const detail::ImagePtr output = detail::outputImage(op, 0);
   const Layout layout = detail::layoutOf(*input);
@@ -333,26 +334,32 @@ void run(ProcessObject& op, Kind kind) {
       std::fill_n(out, output->getPixelNumber(), T(0));
       return;
     }
-    morphology(in, out, layout, target, footprint, kind, threads);
+    morphology(in, out, layout, target, footprint, kind, threads, between);
   });
 }
 
 }  // namespace
 
 Erosion::Erosion() { declare(*this, "Erosion"); }
-void Erosion::generateData() { run(*this, Kind::Erode); }
+void Erosion::generateData() {
+  std::vector<char> unused;
+  run(*this, Kind::Erode, unused);
+}
 std::vector<long> Erosion::inputHalo(unsigned int axes) { return reachOf(*this, axes, 1); }
 
 Dilation::Dilation() { declare(*this, "Dilation"); }
-void Dilation::generateData() { run(*this, Kind::Dilate); }
+void Dilation::generateData() {
+  std::vector<char> unused;
+  run(*this, Kind::Dilate, unused);
+}
 std::vector<long> Dilation::inputHalo(unsigned int axes) { return reachOf(*this, axes, 1); }
 
 Opening::Opening() { declare(*this, "Opening"); }
-void Opening::generateData() { run(*this, Kind::Open); }
+void Opening::generateData() { run(*this, Kind::Open, m_between); }
 std::vector<long> Opening::inputHalo(unsigned int axes) { return reachOf(*this, axes, 2); }
 
 Closing::Closing() { declare(*this, "Closing"); }
-void Closing::generateData() { run(*this, Kind::Close); }
+void Closing::generateData() { run(*this, Kind::Close, m_between); }
 std::vector<long> Closing::inputHalo(unsigned int axes) { return reachOf(*this, axes, 2); }
 
 }  // namespace vorn
