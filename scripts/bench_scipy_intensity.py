@@ -1,9 +1,11 @@
 """Times each intensity and geometry operator of vorn against the NumPy, scipy or skimage call
 it is tested against, on the same 256^3 float volume in the same run, and prints a markdown
-table (median of a few runs; vorn at threads=1, its output's computation alone, recomputed into
-the buffer its first run allocated, as a pipeline updated again does).
+table (median of 3 runs or more; vorn at threads=1 and at threads=0, every usable core, its
+output's computation alone, recomputed into the buffer its first run allocated, as a pipeline
+updated again does).
 
-Usage: PYTHONPATH=build/release/python /usr/bin/python3 scripts/bench_scipy_intensity.py [SIZE]
+Usage: PYTHONPATH=build/release/python /usr/bin/python3 scripts/bench_scipy_intensity.py [SIZE [ONLY]]
+(ONLY: comma-separated words; only the rows whose title contains one of them run)
 """
 import statistics
 import sys
@@ -32,19 +34,21 @@ class Source(vorn.ProcessObject):
 
 
 def median_seconds(run):
+    """The median of REPEATS runs or more: short ones repeat for a second, as one preemption of
+    the process would otherwise be the whole figure."""
     times = []
-    for _ in range(REPEATS):
+    while len(times) < REPEATS or (sum(times) < 1 and len(times) < 50):
         start = time.perf_counter()
         run()
         times.append(time.perf_counter() - start)
     return statistics.median(times)
 
 
-def vorn_seconds(name, parameters, sources):
+def vorn_seconds(name, parameters, sources, threads):
     op = vorn.createOperator(name)
     for index, source in enumerate(sources):
         op.setInputPort(index, source.getOutputPort(0))
-    for key, value in dict(parameters, threads="1").items():
+    for key, value in dict(parameters, threads=threads).items():
         op.setParameterValue(key, value)
     if hasattr(op, "silence"):
         op.silence()
@@ -72,6 +76,7 @@ def resample_coordinates(shape, factor):
 
 def main():
     size = int(sys.argv[1]) if len(sys.argv) > 1 else 256
+    only = sys.argv[2].split(",") if len(sys.argv) > 2 else [""]
     rng = np.random.default_rng(0)
     a = ndi.gaussian_filter(rng.random((size,) * 3, dtype=np.float32), 2)
     b = rng.random((size,) * 3, dtype=np.float32) + 0.5
@@ -103,18 +108,23 @@ def main():
          "map_coordinates(order=3, mode='nearest')",
          lambda: ndi.map_coordinates(a, coordinates, order=3, mode="nearest")),
     ]
-    print(f"{size}^3 float32, median of {REPEATS} runs; vorn at threads=1 (the pool is serial on this branch)\n")
-    print("| operator | vorn (ms) | reference | reference (ms) | vorn / reference |")
-    print("|---|---|---|---|---|")
+    print(f"{size}^3 float32, median of {REPEATS} runs or more; vorn at threads=1 and at every core\n")
+    print("| operator | vorn 1 thread (ms) | vorn all (ms) | reference | reference (ms) | "
+          "vorn 1 thread / reference | vorn all / reference |")
+    print("|---|---|---|---|---|---|---|")
     with vorn.capture_output():
         sources = {id(x): Source(x) for x in (a, b, labels)}
         rows = []
         for title, name, parameters, inputs, reference, call in cases:
-            ours = vorn_seconds(name, parameters, [sources[id(x)] for x in inputs])
+            if not any(word in title for word in only):
+                continue
+            feeds = [sources[id(x)] for x in inputs]
+            ours = vorn_seconds(name, parameters, feeds, "1")
+            all_cores = vorn_seconds(name, parameters, feeds, "0")
             with np.errstate(all="ignore"):
                 theirs = median_seconds(call)
-            rows.append(f"| {title} | {ours * 1e3:.1f} | `{reference}` | {theirs * 1e3:.1f} | "
-                        f"{ours / theirs:.2f} |")
+            rows.append(f"| {title} | {ours * 1e3:.1f} | {all_cores * 1e3:.1f} | `{reference}` | "
+                        f"{theirs * 1e3:.1f} | {ours / theirs:.2f} | {all_cores / theirs:.2f} |")
         sources.clear()
     print("\n".join(rows))
 

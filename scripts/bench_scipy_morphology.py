@@ -1,10 +1,12 @@
 """Times vorn's filters and morphology against their scipy.ndimage counterparts on a 256^3
 volume: a float volume of noise, and a 0/1 mask of blobs (the noise smoothed and thresholded).
-vorn runs on 1 thread; each result is checked against scipy's before it is timed. The median
-runs on the volume's first M^3 corner: scipy's takes about 10 minutes at 256^3 and size 9.
+vorn runs on 1 thread and on every usable core (threads=0); each result is checked against
+scipy's before it is timed. The median runs on the volume's first M^3 corner: scipy's takes
+about 10 minutes at 256^3 and size 9.
 
-Usage: PYTHONPATH=build/release/python /usr/bin/python3 scripts/bench_scipy_morphology.py [N [M]]
-(N: the edge of the volume, 256 by default; M: the median's, 128; prints a Markdown table)
+Usage: PYTHONPATH=build/release/python /usr/bin/python3 scripts/bench_scipy_morphology.py [N [M [ONLY]]]
+(N: the edge of the volume, 256 by default; M: the median's, 128; ONLY: comma-separated words,
+only the rows whose title contains one of them run; prints a Markdown table)
 """
 import statistics
 import sys
@@ -38,11 +40,11 @@ def seconds(run):
     return statistics.median(times), result
 
 
-def run_vorn(array, name, **parameters):
+def run_vorn(array, name, threads, **parameters):
     source = ArraySource(array)
     op = vorn.createOperator(name)
     op.getInputPort(0).connectTo(source.getOutputPort(0))
-    for key, value in dict(parameters, threads="1").items():
+    for key, value in dict(parameters, threads=threads).items():
         op.setParameterValue(key, str(value))
     with vorn.capture_output():
         source.update()
@@ -96,19 +98,25 @@ def largest(a):
 def main():
     n = int(sys.argv[1]) if len(sys.argv) > 1 else 256
     m = int(sys.argv[2]) if len(sys.argv) > 2 else 128
+    only = sys.argv[3].split(",") if len(sys.argv) > 3 else [""]
     rng = np.random.default_rng(1)
     volume = rng.random((n, n, n), dtype=np.float32)
     mask = (ndi.gaussian_filter(volume, 3) > 0.5).astype(np.uint8)
-    print(f"| {n}^3, vorn on 1 thread | vorn s | scipy s | scipy / vorn |")
-    print("|---|---|---|---|")
+    print(f"| {n}^3 | vorn 1 thread s | vorn all s | scipy s | vorn 1 / scipy | vorn all / scipy |")
+    print("|---|---|---|---|---|---|")
     for title, array, (name, parameters), reference, match in cases(volume, mask, m):
-        mine, ours = run_vorn(array, name, **parameters)
+        if not any(word in title for word in only):
+            continue
+        mine, ours = run_vorn(array, name, "1", **parameters)
+        every, theirs_too = run_vorn(array, name, "0", **parameters)
+        assert np.array_equal(ours, theirs_too), title
         theirs, expected = seconds(lambda: reference(array))
         if match == "equal":
             assert np.array_equal(ours, np.asarray(expected, ours.dtype)), title
         else:
             assert np.allclose(ours, expected, rtol=1e-4, atol=1e-4), title
-        print(f"| {title} | {mine:.3f} | {theirs:.3f} | {theirs / mine:.1f} |", flush=True)
+        print(f"| {title} | {mine:.3f} | {every:.3f} | {theirs:.3f} | {mine / theirs:.2f} | "
+              f"{every / theirs:.2f} |", flush=True)
 
 
 if __name__ == "__main__":

@@ -104,6 +104,10 @@ const std::vector<unsigned char> kHoles = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1
                                            0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 1, 1, 0, 1,
                                            0, 1, 1, 1, 0, 1, 0, 1, 0, 0, 1, 1, 1, 0};
 
+const std::vector<unsigned char> kBay = {1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1,
+                                         1, 1, 1, 1, 0, 1, 1, 1, 1, 1, 1, 0, 1, 1,
+                                         1, 1, 1, 1, 0, 1, 1, 1, 1, 1, 1, 0, 1, 1};
+
 std::vector<double> labelsOf(const std::vector<unsigned char>& mask, std::vector<double> keep) {
   std::vector<double> face = {1, 1, 0, 0, 0, 2, 0, 3, 0, 1, 0, 4, 0,  0,  5, 0,
                               0, 0, 0, 4, 4, 0, 0, 0, 6, 0, 7, 0, 4,  0,  8, 8,
@@ -138,13 +142,16 @@ TEST(Components, MatchReferenceNumbers) {
       {"fill", {{"threads", "1"}}, kHoles, {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 0,
                                             0, 1, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1, 1, 1,
                                             0, 1, 1, 1, 1, 1, 0, 1, 0, 0, 1, 1, 1, 0}},
+      // A hole of 2 pixels, and a bay that reaches only the last row.
+      {"fill", {}, kBay, {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1, 1,
+                          1, 1, 1, 1, 0, 1, 1, 1, 1, 1, 1, 0, 1, 1, 1, 1, 1, 1, 0, 1, 1}},
       {"distance", {{"threads", "1"}}, kHoles, {0,   0,   0,   0,   0,   0,   0, 0,   0.5, 1,   1.5,
                                                 1,   0.5, 0,   0,   0.5, 0,   0, 0.5, 0.5, 0,   0,
                                                 0.5, 0,   0.5, 0.5, 0,   0.5, 0, 0.5, 1,   0.5, 0,
                                                 0.5, 0,   0.5, 0,   0,   0.5, 1, 0.5, 0}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.op + " " + c.parameters.front().second);
+    SCOPED_TRACE(c.op + " " + (c.parameters.empty() ? "" : c.parameters.front().second));
     const ImagePtr image = makeImage({c.mask.size() == 48 ? 8ul : 7ul, 6}, c.mask);
     const ImagePtr out = runNamed(c.op, image, c.parameters);
     const bool mask = c.op == "largest" || c.op == "fill";

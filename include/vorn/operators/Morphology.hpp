@@ -29,6 +29,8 @@
 // pixels of a FLOAT image make the minimum or maximum of their footprints unspecified.
 #pragma once
 
+#include <vector>
+
 #include "vorn/ProcessObject.hpp"
 #include "vorn/operators/Export.hpp"
 #include "vorn/operators/LocalOperator.hpp"
@@ -57,6 +59,11 @@ class VORN_OPERATORS_API Opening : public ProcessObject, public LocalOperator {
   Opening();
   void generateData() override;
   std::vector<long> inputHalo(unsigned int axes) override;
+
+ private:
+  // The first filter's result, kept from one update to the next: a fresh buffer of the
+  // image's size costs more in page faults than a radius-1 filter does in arithmetic.
+  std::vector<char> m_between;
 };
 
 // The erosion of the dilation: removes dark detail smaller than the footprint.
@@ -65,6 +72,11 @@ class VORN_OPERATORS_API Closing : public ProcessObject, public LocalOperator {
   Closing();
   void generateData() override;
   std::vector<long> inputHalo(unsigned int axes) override;
+
+ private:
+  // The first filter's result, kept from one update to the next: a fresh buffer of the
+  // image's size costs more in page faults than a radius-1 filter does in arithmetic.
+  std::vector<char> m_between;
 };
 
 }  // namespace vorn

@@ -23,9 +23,37 @@ std::vector<std::vector<long>> offsetTables(const Remapping& remapping, const La
   return tables;
 }
 
+// Row 0's table cut into pieces that each read consecutive input pixels or lie outside: crop
+// and pad then copy whole pieces where flip, with pieces of one pixel, gathers.
+struct Piece {
+  long begin, end;  // output indices along axis 0
+  long source;      // input offset of the first pixel, or kOutside
+};
+
+std::vector<Piece> piecesOf(const std::vector<long>& row) {
+  std::vector<Piece> pieces;
+  for (long x = 0; x < static_cast<long>(row.size()); ++x) {
+    const long source = row[static_cast<std::size_t>(x)];
+    Piece* last = pieces.empty() ? nullptr : &pieces.back();
+    const bool outside = source == kOutside;
+    if (last && (outside ? last->source == kOutside
+                         : last->source != kOutside && source == last->source + x - last->begin)) {
+      last->end = x + 1;
+    } else {
+      pieces.push_back(Piece{x, x + 1, source});
+    }
+  }
+  return pieces;
+}
+
+// Pieces shorter than this on average (flip's and permute's have one pixel) gather faster
+// than they copy.
+constexpr long kShortestPieces = 2;
+
 template <class T>
-void gather(const T* in, T* out, const std::vector<std::vector<long>>& tables, T fill, long offset,
-            const std::vector<long>& index, long begin, long width) {
+void gather(const T* in, T* out, const std::vector<std::vector<long>>& tables,
+            const std::vector<Piece>& pieces, T fill, long offset, const std::vector<long>& index,
+            long begin, long width) {
   long base = 0;
   for (std::size_t axis = 1; axis < tables.size(); ++axis) {
     const long part = tables[axis][static_cast<std::size_t>(index[axis])];
@@ -35,8 +63,24 @@ void gather(const T* in, T* out, const std::vector<std::vector<long>>& tables, T
     }
     base += part;
   }
+  const long end = begin + width;
+  if (static_cast<long>(pieces.size()) * kShortestPieces <= static_cast<long>(tables[0].size())) {
+    for (const Piece& piece : pieces) {
+      const long from = std::max(begin, piece.begin);
+      const long to = std::min(end, piece.end);
+      if (from >= to) continue;
+      T* target = out + offset + from;
+      if (piece.source == kOutside) {
+        std::fill(target, target + (to - from), fill);
+      } else {
+        const T* source = in + base + piece.source + (from - piece.begin);
+        std::copy(source, source + (to - from), target);
+      }
+    }
+    return;
+  }
   const long* row = tables[0].data();
-  for (long x = begin; x < begin + width; ++x) {
+  for (long x = begin; x < end; ++x) {
     out[offset + x] = row[x] == kOutside ? fill : in[base + row[x]];
   }
 }
@@ -86,6 +130,7 @@ void produceRemapped(ProcessObject& op, const ImageObject& image, const Remappin
     stride *= size;
   }
   const std::vector<std::vector<long>> tables = offsetTables(remapping, layoutOf(image));
+  const std::vector<Piece> pieces = piecesOf(tables[0]);
   const Region target = requestedRegion(output->m_regionOfInterest, layout);
   allocateForRegion(*output, image.getPointType(), box, layout, target);
   for (unsigned axis = 0; axis < box.m_dimension; ++axis) {
@@ -99,7 +144,7 @@ void produceRemapped(ProcessObject& op, const ImageObject& image, const Remappin
     const T value = convertPixel<T>(fill);
     parallelRows(threads, layout, target,
                  [&](long offset, const std::vector<long>& index, long begin, long width) {
-                   gather(in, out, tables, value, offset, index, begin, width);
+                   gather(in, out, tables, pieces, value, offset, index, begin, width);
                  });
   });
 }

@@ -91,8 +91,19 @@ void checkSameSize(const ProcessObject& op, const ImageObject& a, const ImageObj
 float nanMin(float a, float b) { return std::isnan(a) || std::isnan(b) ? a + b : std::min(a, b); }
 float nanMax(float a, float b) { return std::isnan(a) || std::isnan(b) ? a + b : std::max(a, b); }
 
+// The second operand: another image's row, or the same number for every pixel.
+struct Row {
+  const float* pixel;
+  float operator[](long i) const { return pixel[i]; }
+};
+struct Constant {
+  float value;
+  float operator[](long) const { return value; }
+};
+
 // One switch per row, then a plain loop the compiler vectorises.
-void apply(Op op, const float* a, const float* b, float* r, long n) {
+template <class B>
+void apply(Op op, const float* a, B b, float* r, long n) {
   switch (op) {
     case Op::Add:
       for (long i = 0; i < n; ++i) r[i] = a[i] + b[i];
@@ -169,13 +180,28 @@ void MathOperator::generateData() {
   const detail::Region target = detail::requestedRegion(output->m_regionOfInterest, layout);
   detail::shapeOutput(*output, request.type, first->getBufferedRegion());
   detail::copyGeometry(*first, *output);
+  if (first->getPointType() == PixelType::FLOAT && request.type == PixelType::FLOAT &&
+      (!second || second->getPointType() == PixelType::FLOAT)) {
+    // Float in and out, the common case: straight from the inputs into the output.
+    const float* a = static_cast<const float*>(first->getBuffer());
+    const float* b = second ? static_cast<const float*>(second->getBuffer()) : nullptr;
+    float* r = static_cast<float*>(output->getBuffer());
+    detail::parallelRows(threads, layout, target,
+                         [&](long offset, const std::vector<long>&, long begin, long width) {
+                           const long at = offset + begin;
+                           if (b) apply(request.op.op, a + at, Row{b + at}, r + at, width);
+                           if (!b)
+                             apply(request.op.op, a + at, Constant{request.value}, r + at, width);
+                         });
+    return;
+  }
   detail::parallelRows(threads, layout, target,
                        [&](long offset, const std::vector<long>&, long begin, long width) {
                          std::vector<float> a(static_cast<std::size_t>(width));
                          std::vector<float> b(a.size(), request.value);
                          loadRow(*first, offset + begin, width, a.data());
                          if (second) loadRow(*second, offset + begin, width, b.data());
-                         apply(request.op.op, a.data(), b.data(), a.data(), width);
+                         apply(request.op.op, a.data(), Row{b.data()}, a.data(), width);
                          storeRow(a.data(), width, *output, offset + begin);
                        });
   detail::clearOutside(*output, layout, target, target, m_written);

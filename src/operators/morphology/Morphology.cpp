@@ -96,6 +96,30 @@ void windowExtreme(const T* line, long length, long first, long width, long half
   for (long i = 0; i < width; ++i) result[i] = Op::pick(suffix[i], prefix[i + span - 1]);
 }
 
+// row[i] = pick(row[i], the extreme of line[first + i - H .. first + i + H]), pixels off the
+// line counted as neutral: windowExtreme's order of comparisons (so NaN gives the same bits)
+// without its copies, and a fixed window the compiler unrolls and vectorises.
+template <class Op, long H, class T>
+void pickShortWindow(const T* line, long length, long first, long width, T* row) {
+  const auto at = [&](long x) { return x >= 0 && x < length ? line[x] : Op::neutral(); };
+  const auto edge = [&](long i) {
+    T best = at(first + i - H);
+    for (long j = 1; j <= 2 * H; ++j) best = Op::pick(best, at(first + i - H + j));
+    row[i] = Op::pick(row[i], best);
+  };
+  const long lo = std::clamp(H - first, 0L, width);           // from here x - H >= 0
+  const long hi = std::clamp(length - H - first, lo, width);  // from here x + H >= length
+  for (long i = 0; i < lo; ++i) edge(i);
+  const T* window = hi > lo ? line + (first + lo - H) : line;
+  T* out = row + lo;
+  for (long i = 0; i < hi - lo; ++i) {
+    T best = window[i];
+    for (long j = 1; j <= 2 * H; ++j) best = Op::pick(best, window[i + j]);
+    out[i] = Op::pick(out[i], best);
+  }
+  for (long i = hi; i < width; ++i) edge(i);
+}
+
 std::vector<Chord> chords(const Footprint& footprint) {
   const std::size_t axes = footprint.reach.size();
   std::vector<Chord> list;
@@ -144,8 +168,15 @@ void ballRows(const T* in, T* out, const Layout& image, const std::vector<Chord>
         source += i * image.stride[a];
       }
       if (!inside) continue;
-      windowExtreme<Op>(in + source, image.size[0], first, width, chord.half, scratch,
-                        scratch.result.data());
+      const T* line = in + source;
+      const long length = image.size[0];
+      if (chord.half <= 2) {  // the chords of small balls
+        if (chord.half == 0) pickShortWindow<Op, 0>(line, length, first, width, row);
+        if (chord.half == 1) pickShortWindow<Op, 1>(line, length, first, width, row);
+        if (chord.half == 2) pickShortWindow<Op, 2>(line, length, first, width, row);
+        continue;
+      }
+      windowExtreme<Op>(line, length, first, width, chord.half, scratch, scratch.result.data());
       const T* result = scratch.result.data();
       for (long i = 0; i < width; ++i) row[i] = Op::pick(row[i], result[i]);
     }
@@ -267,27 +298,30 @@ void declare(ProcessObject& op, const char* name) {
 
 template <class T>
 void morphology(const T* in, T* out, const Layout& layout, const Region& target,
-                const Footprint& footprint, Kind kind, unsigned threads) {
+                const Footprint& footprint, Kind kind, unsigned threads,
+                std::vector<char>& between) {
   if (kind == Kind::Erode) {
     extremeFilter<Minimum<T>>(in, out, layout, target, footprint, threads);
   } else if (kind == Kind::Dilate) {
     extremeFilter<Maximum<T>>(in, out, layout, target, footprint, threads);
   } else {
     // The second filter reads the first one's result around the target, within its reach.
-    std::vector<T> first(static_cast<std::size_t>(layout.pixels()));
+    // Its old contents do not matter: the first filter writes all that the second reads.
+    between.resize(sizeof(T) * static_cast<std::size_t>(layout.pixels()));
+    T* first = reinterpret_cast<T*>(between.data());
     const Region around = widenedBy(target, footprint, layout);
     if (kind == Kind::Open) {
-      extremeFilter<Minimum<T>>(in, first.data(), layout, around, footprint, threads);
-      extremeFilter<Maximum<T>>(first.data(), out, layout, target, footprint, threads);
+      extremeFilter<Minimum<T>>(in, first, layout, around, footprint, threads);
+      extremeFilter<Maximum<T>>(first, out, layout, target, footprint, threads);
     } else {
-      extremeFilter<Maximum<T>>(in, first.data(), layout, around, footprint, threads);
-      extremeFilter<Minimum<T>>(first.data(), out, layout, target, footprint, threads);
+      extremeFilter<Maximum<T>>(in, first, layout, around, footprint, threads);
+      extremeFilter<Minimum<T>>(first, out, layout, target, footprint, threads);
     }
   }
   if (target.size != layout.size) detail::zeroOutside(out, layout, target);
 }
 
-void run(ProcessObject& op, Kind kind) {
+void run(ProcessObject& op, Kind kind, std::vector<char>& between) {
   const detail::ImagePtr input = detail::inputImage(op, 0);
   const detail::ImagePtr output = detail::outputImage(op, 0);
   const Layout layout = detail::layoutOf(*input);
@@ -300,26 +334,32 @@ void run(ProcessObject& op, Kind kind) {
       std::fill_n(out, output->getPixelNumber(), T(0));
       return;
     }
-    morphology(in, out, layout, target, footprint, kind, threads);
+    morphology(in, out, layout, target, footprint, kind, threads, between);
   });
 }
 
 }  // namespace
 
 Erosion::Erosion() { declare(*this, "Erosion"); }
-void Erosion::generateData() { run(*this, Kind::Erode); }
+void Erosion::generateData() {
+  std::vector<char> unused;
+  run(*this, Kind::Erode, unused);
+}
 std::vector<long> Erosion::inputHalo(unsigned int axes) { return reachOf(*this, axes, 1); }
 
 Dilation::Dilation() { declare(*this, "Dilation"); }
-void Dilation::generateData() { run(*this, Kind::Dilate); }
+void Dilation::generateData() {
+  std::vector<char> unused;
+  run(*this, Kind::Dilate, unused);
+}
 std::vector<long> Dilation::inputHalo(unsigned int axes) { return reachOf(*this, axes, 1); }
 
 Opening::Opening() { declare(*this, "Opening"); }
-void Opening::generateData() { run(*this, Kind::Open); }
+void Opening::generateData() { run(*this, Kind::Open, m_between); }
 std::vector<long> Opening::inputHalo(unsigned int axes) { return reachOf(*this, axes, 2); }
 
 Closing::Closing() { declare(*this, "Closing"); }
-void Closing::generateData() { run(*this, Kind::Close); }
+void Closing::generateData() { run(*this, Kind::Close, m_between); }
 std::vector<long> Closing::inputHalo(unsigned int axes) { return reachOf(*this, axes, 2); }
 
 }  // namespace vorn
