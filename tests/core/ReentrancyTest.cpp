@@ -208,7 +208,8 @@ class ReentrancyTest : public ::testing::TestWithParam<Case> {
 };
 
 // Tests one action taken inside one notification of B: the outcome of the trigger (updating D;
-// for onInvalidated, invalidating S), the invariants, and again once D, if there, is updated.
+// for onInvalidated, invalidating S), the invariants, and again once D, if there, is updated
+// (recomputing whatever went stale, such as an upstream invalidated during a computation).
 TEST_P(ReentrancyTest, ObserverChangesTheGraph) {
   const std::string event = std::get<0>(GetParam());
   const Action action = std::get<1>(GetParam());
@@ -238,7 +239,9 @@ TEST_P(ReentrancyTest, ObserverChangesTheGraph) {
   EXPECT_EQ("", brokenInvariant());
   EXPECT_TRUE(graph.keptDataIsSound());
 
-  if (graph.d) thrownBy<std::ios_base::failure>([&] { graph.d->update(); });  // may lack input
+  if (graph.d && thrownBy<std::ios_base::failure>([&] { graph.d->update(); }) == "nothing thrown") {
+    EXPECT_FALSE(graph.d->isInvalidated());  // nothing left stale on the way (else: no input)
+  }
   EXPECT_EQ("", brokenInvariant());
 }
 
@@ -302,27 +305,6 @@ TEST_F(ReentrancyCases, ThrowingFromOnInvalidated) {
   source.reset();
   EXPECT_TRUE(b.isInvalidated());
   EXPECT_TRUE(b.getInputPort(0)->isConnectedTo(nullptr));
-}
-
-// Tests invalidating upstream during a computation: the operator computing and those downstream
-// stay invalidated; the next update computes all of them again.
-TEST_F(ReentrancyCases, InvalidatingUpstreamDuringAComputation) {
-  LoggingOperator a("A", &log, 0, 1), b("B", &log), c("C", &log), d("D", &log);
-  connect(a, b);
-  connect(b, c);
-  connect(c, d);
-  c.action = [&] {
-    if (c.computations == 1) a.setToInvalidated();
-  };
-  d.update();
-  EXPECT_TRUE(a.isInvalidated());
-  EXPECT_TRUE(c.isInvalidated());
-  EXPECT_TRUE(d.isInvalidated());
-  d.update();
-  for (LoggingOperator* op : {&a, &b, &c, &d}) {
-    EXPECT_EQ(2, op->computations) << op->getName();
-    EXPECT_FALSE(op->isInvalidated()) << op->getName();
-  }
 }
 
 // Tests operators destroyed by others' observers during their own walks: a connection to them
