@@ -133,7 +133,7 @@ TEST_F(PipelineTest, OperatorsAndRefusals) {
 }
 
 // Tests the printed form (the pipeline as an operator, then each inner operator) and that
-// update() clears the flag registering set.
+// update() computes what feeds its output and clears the flag registering set.
 TEST_F(PipelineTest, PrintedFormAndOwnFlag) {
   const std::string head =
       "\nPIPELINE PORTS ...\n-------------------------------\nOperator : addr " +
@@ -146,7 +146,9 @@ TEST_F(PipelineTest, PrintedFormAndOwnFlag) {
   const std::size_t yAt = printed.find(inner + "Operator : addr " + addressText(y.get()));
   EXPECT_LT(xAt, yAt);  // registration order
   EXPECT_NE(std::string::npos, yAt);
-  pipeline->update();
+  source->setToInvalidated();
+  pipeline->update();  // pulls its output: the operators inside, not the reader
+  EXPECT_EQ((EventLog{"compute:S", "compute:X", "compute:Y"}), log);
   EXPECT_EQ(0u, printedBy([&] { pipeline->print(); }).find(head + "0\n"));
 }
 
