@@ -7,9 +7,7 @@
 
 #include "CoutCapture.hpp"
 #include "TestOperators.hpp"
-#include "vorn/DataObject.hpp"
 #include "vorn/Parameter.hpp"
-#include "vorn/PortProxy.hpp"
 #include "vorn/Repercussion.hpp"
 
 namespace {
@@ -32,8 +30,7 @@ class ProcessObjectTest : public ::testing::Test {
   RecordingObserver observer{&log};
 };
 
-// Tests the printed form: frame, flag, parent, and the labels (with the byte 0xB0) before each
-// port and parameter.
+// Tests the printed form: frame, flag, parent, and the labels (byte 0xB0) of ports and parameters.
 TEST_F(ProcessObjectTest, Print) {
   LoggingOperator op("op", &log, 1, 1);
   op.addParameter(new Parameter("k", "v"));
@@ -53,8 +50,7 @@ TEST_F(ProcessObjectTest, Print) {
                                               "  ID_NAME = k  LITERAL_VALUE = v\n" + rule));
 }
 
-// Tests ports by index and the refusals of setInputPort and addOutput; setInputPort invalidates
-// whatever the connection's outcome.
+// Tests the refusals of setInputPort and addOutput; setInputPort invalidates whatever happens.
 TEST_F(ProcessObjectTest, PortsAndRefusals) {
   LoggingOperator a("A", &log, 0, 1), op("op", &log, 2, 1);
   EXPECT_EQ(nullptr, op.getInputPort(2));
@@ -75,7 +71,7 @@ TEST_F(ProcessObjectTest, PortsAndRefusals) {
 }
 
 // Tests invalidation: down a chain in order, stopped by an invalidated operator, each operator
-// of a diamond once (D right after the first branch), and nothing with repercussion off.
+// of a diamond once (D right after the first branch), nothing with repercussion off.
 TEST_F(ProcessObjectTest, Invalidation) {
   LoggingOperator a("A", &log), b("B", &log), c("C", &log), d("D", &log, 2, 1);
   connect(a, b);
@@ -106,8 +102,7 @@ TEST_F(ProcessObjectTest, Invalidation) {
   EXPECT_TRUE(log.empty());
 }
 
-// Tests the walk a derived operator may run over the readers of one of its outputs: those not
-// already invalidated, not the operator itself nor its other outputs' readers.
+// Tests invalidateReadersOf: the readers of that output only, not the operator itself.
 TEST_F(ProcessObjectTest, InvalidatingTheReadersOfOneOutput) {
   struct TwoOutputs : LoggingOperator {
     using LoggingOperator::invalidateReadersOf;
@@ -126,8 +121,7 @@ TEST_F(ProcessObjectTest, InvalidatingTheReadersOfOneOutput) {
   EXPECT_FALSE(other.isInvalidated());
 }
 
-// Tests one entry per observer, and an observer that detaches itself and the other during a
-// notification: the other, at a higher address, is then not notified.
+// Tests one entry per observer, and an observer detaching itself and the next one while notified.
 TEST_F(ProcessObjectTest, DetachingDuringANotification) {
   struct Detaching : RecordingObserver {
     using RecordingObserver::RecordingObserver;
@@ -147,9 +141,8 @@ TEST_F(ProcessObjectTest, DetachingDuringANotification) {
   EXPECT_EQ(EventLog{"invalidated:op"}, log);
 }
 
-// Tests disconnectAllOutputPorts (readers go highest input port first), disconnectAllInputPorts
-// and the destructor (its line, readers unconnected and invalidated, kept data without
-// generator).
+// Tests disconnectAllOutputPorts (highest input port first), disconnectAllInputPorts and the
+// destructor (its line, readers unconnected and invalidated, kept data without generator).
 TEST_F(ProcessObjectTest, DisconnectionAndDestruction) {
   auto a = std::make_unique<LoggingOperator>("A", &log);
   LoggingOperator b("B", &log), c("C", &log);
@@ -179,8 +172,8 @@ TEST_F(ProcessObjectTest, DisconnectionAndDestruction) {
   EXPECT_TRUE(b.getInputPort(0)->isConnectedTo(nullptr));
 }
 
-// Tests parameters: a missing name, the first of duplicates, a null entry, and that setting
-// invalidates even for the same value but not for an unknown name.
+// Tests parameters: a missing name, the first of duplicates, a null entry; setting invalidates
+// even for the same value, not for an unknown name.
 TEST_F(ProcessObjectTest, Parameters) {
   LoggingOperator op("op", &log);
   EXPECT_EQ(&Parameter::NoValueForIDName, &op.getParameterValue("level"));

@@ -12,16 +12,9 @@
 
 namespace {
 
-// The message a failure was built with (libstdc++ appends ": iostream error" to what()).
 template <class F>
 std::string failureOf(F call) {
-  try {
-    call();
-  } catch (const std::ios_base::failure& e) {
-    const std::string what = e.what();
-    return what.substr(0, what.rfind(": iostream error"));
-  }
-  return "no failure";
+  return thrownBy<std::ios_base::failure>(call);
 }
 
 const std::string kCannot = " : processings cannot be performed\n";
@@ -34,8 +27,8 @@ class UpdateTest : public ::testing::Test {
   RecordingObserver observer{&log};
 };
 
-// Tests one computation's events and timing line (the computation's output inside it), and a
-// second update that only validates.
+// Tests one computation's events and timing line (its output inside), then an update that only
+// validates.
 TEST_F(UpdateTest, ComputeOnceThenOnlyValidate) {
   LoggingOperator op("Blur", &log, 0, 1);
   op.attachObserver(&observer);
@@ -52,8 +45,8 @@ TEST_F(UpdateTest, ComputeOnceThenOnlyValidate) {
       << out.str();
 }
 
-// Tests that a diamond computes each operator once, upstream first, and that an up-to-date
-// operator looks no further than its own inputs' generators.
+// Tests a diamond computed once each, upstream first; an up-to-date operator looks no further
+// than its inputs' generators.
 TEST_F(UpdateTest, DiamondAndUpToDateCost) {
   struct Counting : LoggingOperator {
     using LoggingOperator::LoggingOperator;
@@ -74,8 +67,8 @@ TEST_F(UpdateTest, DiamondAndUpToDateCost) {
   EXPECT_EQ(1, b.queries);
 }
 
-// Tests failures: a missing input found after the earlier inputs were updated; a computation
-// that throws (wrapped, line left open, no "generated"); a foreign exception passed unchanged.
+// Tests failures: a missing input found after the earlier inputs updated; a computation that
+// throws (wrapped, line left open, no "generated"); a foreign exception passed unchanged.
 TEST_F(UpdateTest, Failures) {
   LoggingOperator a("A", &log, 0, 1), sum("Sum", &log, 2, 1), bad("Bad", &log);
   connect(a, sum, 0);
@@ -99,8 +92,8 @@ TEST_F(UpdateTest, Failures) {
   EXPECT_THROW(bad.update(), int);
 }
 
-// Tests the mode without repercussion: the operator asked is recomputed each time from what its
-// inputs hold, no flag changes, and inputs without data or computed data are refused.
+// Tests updates without repercussion: recomputed each time from what the inputs hold, no flag
+// changes, inputs without data or computed data refused.
 TEST_F(UpdateTest, WithoutRepercussion) {
   LoggingOperator a("A", &log, 0, 1), b("B", &log), unconnected("U", &log);
   connect(a, b);
@@ -118,8 +111,8 @@ TEST_F(UpdateTest, WithoutRepercussion) {
   EXPECT_TRUE(b.isInvalidated());
 }
 
-// Tests a computation that switches repercussion off mid-update: the later stale input is left
-// alone and the validated operator is computed anyway.
+// Tests repercussion switched off mid-update: the later stale input is left alone and the
+// validated operator computed anyway.
 TEST_F(UpdateTest, RepercussionSwitchedOffUpstream) {
   LoggingOperator first("First", &log, 0, 1), second("Second", &log, 0, 1), op("Op", &log, 2, 1);
   connect(first, op, 0);
@@ -130,8 +123,8 @@ TEST_F(UpdateTest, RepercussionSwitchedOffUpstream) {
   EXPECT_EQ((EventLog{"compute:First", "compute:Op"}), log);
 }
 
-// Tests that a cycle of invalidated operators is reported and updates once it is broken, and
-// that an observer updating again from inside an update is no cycle.
+// Tests a cycle reported, then updated once broken; an observer updating from inside an update
+// is no cycle.
 TEST_F(UpdateTest, CycleIsReported) {
   LoggingOperator a("A", &log), b("B", &log), source("S", &log, 0, 1);
   connect(a, b);
@@ -139,15 +132,9 @@ TEST_F(UpdateTest, CycleIsReported) {
   EXPECT_EQ("vorn::ProcessObject::update()\nThe operator A depends on its own output" + kCannot,
             failureOf([&] { a.update(); }));
   connect(source, a);
-  struct Reentrant : vorn::IObserver {
-    void onDataHasBeenGenerated(vorn::ProcessObject*) override {}
-    void onStartComputingData(vorn::ProcessObject*) override {}
-    void onInvalidated(vorn::ProcessObject*) override {}
-    void onValidated(vorn::ProcessObject*) override { again->update(); }
-    void onParameterHasBeenChanged(vorn::ProcessObject*) override {}
-    vorn::ProcessObject* again;
-  } reentrant;
-  reentrant.again = &b;
+  HookObserver reentrant([&](const std::string& event, vorn::ProcessObject*) {
+    if (event == "validated") b.update();
+  });
   source.attachObserver(&reentrant);
   EXPECT_NO_THROW(b.update());
   EXPECT_EQ(1, b.computations);

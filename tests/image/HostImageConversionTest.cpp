@@ -4,7 +4,6 @@
 
 #include <climits>
 #include <cmath>
-#include <functional>
 #include <stdexcept>
 #include <zelData/Image.hpp>
 
@@ -40,11 +39,10 @@ vorn::Box box2(unsigned long x, unsigned long y) {
 
 // Tests a 4x5 float host image described in vorn, then described back in a new host image.
 TEST(HostImageConversion, FloatImageThereAndBack) {
-  CoutCapture out;
   HostPtr host = hostImage("float", {4, 5}, {1.9, -1.9}, {0.1, 2.0});
   ImageObject image;
-  vorn::ToVornImage(host, &image);
-  EXPECT_EQ("img->getPixelType().string()float\n", out.str());
+  EXPECT_EQ("img->getPixelType().string()float\n",
+            printedBy([&] { vorn::ToVornImage(host, &image); }));
   EXPECT_EQ(PixelType::FLOAT, image.getPointType());
   EXPECT_EQ(20u, image.getPixelNumber());
   EXPECT_EQ(-1, image.getBufferedRegion().m_start[1]);  // truncated toward zero
@@ -54,8 +52,7 @@ TEST(HostImageConversion, FloatImageThereAndBack) {
   EXPECT_EQ(host->getBuffer(), image.getBuffer());
   EXPECT_FALSE(image.getManageItsBuffer());
 
-  // The new host image shares the buffer the first still owns (the header's hazard), so it is
-  // kept for the life of the process instead of freeing the buffer a second time.
+  // The new host image shares the buffer the first owns: kept for good, not to free it twice.
   static data::Image* const sharing = new data::Image;
   vorn::FromVornImage(&image, HostPtr(sharing, [](data::Image*) {}));
   EXPECT_EQ((std::vector<int>{4, 5}), sharing->getCRefSize());
@@ -65,8 +62,7 @@ TEST(HostImageConversion, FloatImageThereAndBack) {
   EXPECT_EQ("float", sharing->getPixelType().string());
 }
 
-// Tests the 16-bit round trip through the host's own name, the buffer then the host's alone:
-// it outlives the ImageObject and is freed once, by the host.
+// Tests the 16-bit round trip through the host's own name; the buffer is then the host's alone.
 TEST(HostImageConversion, ShortRoundTripHandsTheBufferOver) {
   CoutCapture out;
   HostPtr host(new data::Image);
@@ -87,7 +83,7 @@ TEST(HostImageConversion, ShortRoundTripHandsTheBufferOver) {
 }
 
 // Tests an unknown pixel type: the host geometry is written, its type and buffer are not, the
-// ImageObject still owns its buffer; unknown host types give type 0; refusals say so.
+// ImageObject keeps its buffer; unknown host types give type 0; refusals say so.
 TEST(HostImageConversion, UnknownTypesAndRefusals) {
   CoutCapture out;
   HostPtr host = hostImage("double", {7}, {0.0}, {1.0});
@@ -110,30 +106,14 @@ TEST(HostImageConversion, UnknownTypesAndRefusals) {
             out.str());
 }
 
-// Everything the image holds, as it prints (buffer address included).
-std::string stateOf(const ImageObject& image) {
-  CoutCapture out;
-  image.print();
-  return out.str();
-}
-
-std::string refusalOf(const std::function<void()>& conversion) {
-  try {
-    conversion();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
-
-// Tests host images that describe no possible buffer: each throws naming the impossible value,
-// prints nothing (not even the trace line) and leaves the ImageObject as it was, owner of its
-// buffer. No pixels need no buffer.
+// Tests host images describing no possible buffer: each throws naming the impossible value,
+// prints nothing and leaves the ImageObject as it was. No pixels need no buffer.
 TEST(HostImageConversion, ImpossibleHostImagesThrowAndChangeNothing) {
   ImageObject image;
   image.Allocate(PixelType::SHORT, box2(2, 3));
   image.setOrigin(1, 4.0);
-  const std::string before = stateOf(image);
+  const auto stateOf = [&image] { return printedBy([&] { image.print(); }); };
+  const std::string before = stateOf();
   HostPtr noBuffer = hostImage("float", {4, 5}, {0.0, 0.0}, {1.0, 1.0});
   noBuffer->setBuffer(nullptr);
   const std::pair<HostPtr, std::string> cases[] = {
@@ -149,8 +129,9 @@ TEST(HostImageConversion, ImpossibleHostImagesThrowAndChangeNothing) {
   };
   CoutCapture out;
   for (const auto& [host, message] : cases) {
-    EXPECT_EQ("ToVornImage : " + message, refusalOf([&] { vorn::ToVornImage(host, &image); }));
-    EXPECT_EQ(before, stateOf(image));
+    EXPECT_EQ("ToVornImage : " + message,
+              thrownBy<std::invalid_argument>([&] { vorn::ToVornImage(host, &image); }));
+    EXPECT_EQ(before, stateOf());
     EXPECT_TRUE(image.getManageItsBuffer());
   }
   EXPECT_EQ("", out.str());
@@ -159,8 +140,8 @@ TEST(HostImageConversion, ImpossibleHostImagesThrowAndChangeNothing) {
   EXPECT_EQ(0u, image.getPixelNumber());
 }
 
-// Tests the way back: a size the host's int cannot hold throws before the host image changes,
-// and more axes than the host's 255 keep their one-line refusal.
+// Tests the way back: a size beyond the host's int throws, more than 255 axes are refused, and
+// the host image is left as it was.
 TEST(HostImageConversion, SizesTheHostCannotHoldChangeNothing) {
   CoutCapture out;
   HostPtr host = hostImage("float", {4, 5}, {1.0, 2.0}, {0.5, 0.5});
@@ -170,7 +151,7 @@ TEST(HostImageConversion, SizesTheHostCannotHoldChangeNothing) {
   box.m_size[0] = 3000000000ul;
   wide.reDefine(PixelType::UNKNOWN, box, nullptr);  // no bytes, so no buffer needed
   EXPECT_EQ("FromVornImage : size 3000000000 on axis 0 does not fit in a host image",
-            refusalOf([&] { vorn::FromVornImage(&wide, host); }));
+            thrownBy<std::invalid_argument>([&] { vorn::FromVornImage(&wide, host); }));
   manyAxes.Allocate(PixelType::UCHAR, vorn::Box(256));
   vorn::FromVornImage(&manyAxes, host);
   EXPECT_EQ("FromVornImage : more axes than the host image holds\n", out.str());

@@ -62,28 +62,9 @@ class CountingIO : public vorn::IImageIO {
 
 const std::string kHead = "DataObjectName : ImageObject\n\n  Generator = 0\n";
 
-// Tests the printed form of a defined image (the pixel count runs into the pointer label).
-TEST(ImageObject, PrintedForm) {
-  ImageObject image;
-  CoutCapture out;
-  Box box = makeBox({3, 4});
-  box.m_start[1] = -2;
-  image.Allocate(PixelType::FLOAT, box);
-  image.setSpacing(1, 0.5);
-  image.setOrigin(0, 2.25);
-  image.print();
-  EXPECT_EQ(kHead +
-                "Dimension : 2\nPixel Type : float\nSpacing : \nv0 = 1 v1 = 0.5 \nOrigin : \n"
-                "o0 = 2.25 o1 = 0 \nBuffered Region : \nBox : adress = " +
-                addressText(&image.getBufferedRegion()) +
-                "\nDimension: 2\nStart: 0\nStart: -2\nSize: 3\nSize: 4\n"
-                "Nb points : 12Data pointer adress : " +
-                addressText(image.getBuffer()) + "\nData Buffer Dumped = 0\n\n",
-            out.take());
-}
-
-// Tests what Allocate describes and the exact bytes it asks for, an unknown type included.
-TEST(ImageObject, AllocateSizesTheBuffer) {
+// Tests the printed form of a defined image (the pixel count runs into the pointer label), the
+// exact bytes Allocate asks for (an unknown type included) and a box without axes.
+TEST(ImageObject, AllocateAndPrint) {
   std::vector<std::size_t> allocations;
   g_pixelAllocations = &allocations;
   ImageObject image;
@@ -92,20 +73,27 @@ TEST(ImageObject, AllocateSizesTheBuffer) {
   g_pixelAllocations = nullptr;
   EXPECT_EQ((std::vector<std::size_t>{30, 0}), allocations);
   EXPECT_EQ(15u, image.getPixelNumber());  // the box still counts its pixels
-  EXPECT_EQ(1.0, image.getSpacing(1));
-  EXPECT_EQ(0.0, image.getOrigin(1));
   EXPECT_TRUE(image.getManageItsBuffer());
-
-  CoutCapture out;  // a box without axes is reported; no arrays are made
-  image.reDefine(PixelType::FLOAT, Box(), nullptr);
+  Box box = makeBox({3, 4});
+  box.m_start[1] = -2;
+  image.Allocate(PixelType::FLOAT, box);
+  image.setSpacing(1, 0.5);
+  image.setOrigin(0, 2.25);
+  EXPECT_EQ(kHead +
+                "Dimension : 2\nPixel Type : float\nSpacing : \nv0 = 1 v1 = 0.5 \nOrigin : \n"
+                "o0 = 2.25 o1 = 0 \nBuffered Region : \nBox : adress = " +
+                addressText(&image.getBufferedRegion()) +
+                "\nDimension: 2\nStart: 0\nStart: -2\nSize: 3\nSize: 4\n"
+                "Nb points : 12Data pointer adress : " +
+                addressText(image.getBuffer()) + "\nData Buffer Dumped = 0\n\n",
+            printedBy([&] { image.print(); }));
   EXPECT_EQ("in ImageObject::AllocateInformationBuffers : m_dimension not correctly set\n",
-            out.str());
+            printedBy([&] { image.reDefine(PixelType::FLOAT, Box(), nullptr); }));
   EXPECT_EQ(0u, image.getPixelNumber());
-  EXPECT_EQ(nullptr, image.getSpacing());
+  EXPECT_EQ(nullptr, image.getSpacing());  // no arrays are made
 }
 
-// Tests ownership of a borrowed buffer: initialize and the destructor leave it, reDefine frees
-// it anyway (the documented hazard).
+// Tests a borrowed buffer: initialize and the destructor leave it, reDefine frees it anyway.
 TEST(ImageObject, BorrowedBufferOwnership) {
   char* borrowed = new char[8];
   char* handedOver = new char[4];
@@ -129,13 +117,14 @@ TEST(ImageObject, BorrowedBufferOwnership) {
   delete[] borrowed;
 }
 
-// Tests import: a deep copy that reuses the buffer only for the same type and pixel count, and
-// that loses nothing when there is no image to copy.
+// Tests import: a deep copy reusing the buffer only for the same type and pixel count, losing
+// nothing when there is no image to copy.
 TEST(ImageObject, ImportDeepCopies) {
   ImageObject source;
   source.Allocate(PixelType::SHORT, makeBox({2, 3}));
   for (short i = 0; i < 6; ++i) static_cast<short*>(source.getBuffer())[i] = static_cast<short>(-i);
   source.setSpacing(0, 3.0);
+  source.setOrigin(1, -7.0);
 
   ImageObject same, other;
   same.Allocate(PixelType::SHORT, makeBox({6}));
@@ -146,18 +135,19 @@ TEST(ImageObject, ImportDeepCopies) {
   EXPECT_EQ(reused, same.getBuffer());
   EXPECT_TRUE(same.getBufferedRegion() == source.getBufferedRegion());
   EXPECT_EQ(3.0, same.getSpacing(0));
+  EXPECT_EQ(-7.0, same.getOrigin(1));
   EXPECT_EQ(PixelType::SHORT, other.getPointType());
   EXPECT_EQ(0, std::memcmp(source.getBuffer(), other.getBuffer(), 12));
 
-  CoutCapture out;
-  other.import(nullptr, nullptr);
-  other.import(&other, nullptr);
-  EXPECT_EQ("", out.str());
+  EXPECT_EQ("", printedBy([&] {
+              other.import(nullptr, nullptr);
+              other.import(&other, nullptr);
+            }));
   EXPECT_EQ(-5, static_cast<short*>(other.getBuffer())[5]);
 }
 
-// Tests the hook protocol: every restoring accessor restores a dumped image once; print and
-// dump do not; an undumped hook is dumped on request and never restored.
+// Tests the hook protocol: each restoring accessor restores a dumped image once; print and dump
+// do not; an undumped hook is dumped on request and never restored.
 TEST(ImageObject, HookCalls) {
   ImageObject image;
   boost::shared_ptr<CountingIO> dumped(new CountingIO(true)), fresh(new CountingIO(false));
@@ -172,12 +162,10 @@ TEST(ImageObject, HookCalls) {
   image.getSpacing();
   image.getOrigin();
   EXPECT_EQ(8, dumped->restores);
-  CoutCapture out;
-  constImage.print();
+  EXPECT_EQ(kHead + "Image is dumped \n", printedBy([&] { constImage.print(); }));
   image.dump();
   EXPECT_EQ(8, dumped->restores);
   EXPECT_EQ(0, dumped->dumps);
-  EXPECT_EQ(kHead + "Image is dumped \n", out.str());
 
   image.setImageIO(fresh);
   image.dump();
@@ -186,8 +174,8 @@ TEST(ImageObject, HookCalls) {
   EXPECT_EQ(0, fresh->restores);
 }
 
-// Tests a hook that swaps a 3-axis image out and back: the image is rebuilt from inside the
-// hook's restore() without being sent round again, and nothing of it is lost.
+// Tests a hook swapping a 3-axis image out and back: rebuilt from inside the hook's restore()
+// without being sent round again, nothing lost.
 TEST(ImageObject, SwappingHookRestoresOnce) {
   ImageObject image;
   boost::shared_ptr<MemorySwapImageIO> hook(new MemorySwapImageIO(&image));
@@ -207,14 +195,14 @@ TEST(ImageObject, Refusals) {
   ImageObject image;
   image.Allocate(PixelType::UCHAR, makeBox({2}));
   const boost::shared_ptr<vorn::IImageIO> hook = image.getImageIO();
-  CoutCapture out;
-  image.setImageIO(boost::shared_ptr<vorn::IImageIO>());
-  image.setSpacing(1, 2.0);
-  EXPECT_EQ(0.0, image.getOrigin(5));
   EXPECT_EQ(
       "ImageObject::setImageIO empty storage hook refused\n"
       "ImageObject::setSpacing axis 1 out of range\nImageObject::getOrigin axis 5 out of range\n",
-      out.str());
+      printedBy([&] {
+        image.setImageIO(boost::shared_ptr<vorn::IImageIO>());
+        image.setSpacing(1, 2.0);
+        EXPECT_EQ(0.0, image.getOrigin(5));
+      }));
   EXPECT_EQ(hook, image.getImageIO());
 }
 
@@ -226,51 +214,44 @@ constexpr unsigned long k2To32 = 1ul << 32;
 
 // Everything the image holds (buffer address, type, box, count, spacing, origin) as it prints.
 std::string stateOf(const ImageObject& image) {
-  CoutCapture out;
-  image.print();
-  return out.str();
+  return printedBy([&] { image.print(); });
 }
 
-std::string failureOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const std::bad_alloc&) {
-    return "bad_alloc";
-  } catch (const std::length_error& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
-
-// Tests every operation that sizes or adopts a buffer, given a pixel count past 64 bits, a byte
-// count past 64 bits, or byte counts past PTRDIFF_MAX: each throws before anything changes and
-// asks for no buffer at all (the wrapping arithmetic asked for 2 and 4 bytes here).
+// Tests pixel or byte counts past 64 bits or PTRDIFF_MAX: each operation sizing or adopting a
+// buffer throws before anything changes and asks for no buffer (wrapping asked for 2 or 4 bytes).
 TEST(ImageObjectSizes, ImpossibleSizesChangeNothingAndAllocateNothing) {
   ImageObject image;
   image.Allocate(PixelType::FLOAT, makeBox({3, 4}));
   image.setSpacing(1, 0.25);
   const std::string before = stateOf(image);
   char foreign[4] = {};
-  const std::string kBadAlloc = "bad_alloc", kReDefine = "ImageObject::reDefine : ";
+  const auto allocate = [&](PixelType::Type type, Box box) {
+    return thrownBy<std::bad_alloc>([&] { image.Allocate(type, box); });
+  };
   const struct {
-    std::function<void()> operation;
+    std::function<std::string()> operation;
     std::string failure;
   } cases[] = {
       {[&] {
-         image.Allocate(PixelType::UCHAR, makeBox({3, kThirdOfWrap}));
+         return allocate(PixelType::UCHAR, makeBox({3, kThirdOfWrap}));
        },
-       kBadAlloc},
-      {[&] { image.Allocate(PixelType::FLOAT, makeBox({k2To62 + 1})); }, kBadAlloc},
+       "std::bad_alloc"},
+      {[&] { return allocate(PixelType::FLOAT, makeBox({k2To62 + 1})); }, "std::bad_alloc"},
       {[&] {
-         image.Allocate(PixelType::UCHAR, makeBox({k2To32 + 1, k2To32 - 1}));
+         return allocate(PixelType::UCHAR, makeBox({k2To32 + 1, k2To32 - 1}));
        },
-       kBadAlloc},
-      {[&] { image.Allocate(PixelType::SHORT, makeBox({k2To62})); }, kBadAlloc},  // 2^63 bytes
+       "std::bad_alloc"},
+      {[&] { return allocate(PixelType::SHORT, makeBox({k2To62})); }, "std::bad_alloc"},  // 2^63 B
       {[&] {
-         image.reDefine(PixelType::FLOAT, makeBox({3, kThirdOfWrap}), foreign);
+         return thrownBy<std::length_error>([&] {
+           image.reDefine(PixelType::FLOAT, makeBox({3, kThirdOfWrap}), foreign);
+         });
        },
-       kReDefine + "the box's sizes multiply to more pixels than can be counted"},
-      {[&] { image.restore(PixelType::FLOAT, makeBox({k2To62 + 1}), foreign); },
+       "ImageObject::reDefine : the box's sizes multiply to more pixels than can be counted"},
+      {[&] {
+         return thrownBy<std::length_error>(
+             [&] { image.restore(PixelType::FLOAT, makeBox({k2To62 + 1}), foreign); });
+       },
        "ImageObject::restore : 4611686018427387905 pixels of float need more bytes than a "
        "buffer can hold"},
   };
@@ -278,16 +259,15 @@ TEST(ImageObjectSizes, ImpossibleSizesChangeNothingAndAllocateNothing) {
     SCOPED_TRACE(c.failure);
     std::vector<std::size_t> allocations;
     g_pixelAllocations = &allocations;
-    EXPECT_EQ(c.failure, failureOf(c.operation));
+    EXPECT_EQ(c.failure, c.operation());
     g_pixelAllocations = nullptr;
     EXPECT_TRUE(allocations.empty());
     EXPECT_EQ(before, stateOf(image));
   }
 }
 
-// Tests sizes that fit: the true byte count is asked for, never a wrapped one, and running out
-// of memory for it (Allocate, import) leaves an empty image, never a pixel count without pixels.
-// A 0 on any axis makes 0 pixels even when the other sizes overflow.
+// Tests sizes that fit: the true byte count is asked for; running out of memory for it
+// (Allocate, import) leaves an empty image. A 0 on any axis makes 0 pixels despite overflow.
 TEST(ImageObjectSizes, SizesThatFitAreAskedForExactly) {
   ImageObject image, source;
   std::vector<std::size_t> allocations;

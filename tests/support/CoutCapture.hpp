@@ -1,7 +1,8 @@
 // CoutCapture: collects everything written to std::cout while it lives, so tests can compare
-// vorn's printed output byte for byte.
+// vorn's printed output byte for byte; and helpers for what a call prints or throws.
 #pragma once
 
+#include <exception>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -31,4 +32,25 @@ inline std::string addressText(const void* pointer) {
   std::ostringstream os;
   os << pointer;
   return os.str();
+}
+
+// What `call` writes to std::cout: for an object with print(), everything it holds.
+template <class Call>
+std::string printedBy(const Call& call) {
+  CoutCapture out;
+  call();
+  return out.str();
+}
+
+// The what() of the E that `call` throws, less the ": iostream error" libstdc++ appends to an
+// ios_base::failure; "nothing thrown" if it returns.
+template <class E = std::exception, class Call>
+std::string thrownBy(const Call& call) {
+  try {
+    call();
+  } catch (const E& e) {
+    const std::string what = e.what();
+    return what.substr(0, what.rfind(": iostream error"));
+  }
+  return "nothing thrown";
 }

@@ -37,37 +37,6 @@ class LoggingOperator : public vorn::ProcessObject {
   EventLog* m_log;
 };
 
-// Appends "<event>:<operator name>" to the log for each of the five notifications.
-class RecordingObserver : public vorn::IObserver {
- public:
-  explicit RecordingObserver(EventLog* log) : m_log(log) {}
-  void onDataHasBeenGenerated(vorn::ProcessObject* op) override { record("generated", op); }
-  void onStartComputingData(vorn::ProcessObject* op) override { record("start", op); }
-  void onInvalidated(vorn::ProcessObject* op) override { record("invalidated", op); }
-  void onValidated(vorn::ProcessObject* op) override { record("validated", op); }
-  void onParameterHasBeenChanged(vorn::ProcessObject* op) override { record("parameter", op); }
-
- private:
-  void record(const char* event, vorn::ProcessObject* op) {
-    m_log->push_back(std::string(event) + ":" + op->getName());
-  }
-  EventLog* m_log;
-};
-
-// Connects input `input` of `to` to output `output` of `from`.
-inline void connect(vorn::ProcessObject& from, vorn::ProcessObject& to, unsigned input = 0,
-                    unsigned output = 0) {
-  to.getInputPort(input)->connectTo(from.getOutputPort(output));
-}
-
-// Gives output `output` of `op` a computed image of 4 one-byte pixels.
-inline void allocateOutput(vorn::ProcessObject& op, unsigned output = 0) {
-  vorn::Box box(1);
-  box.m_size[0] = 4;
-  boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(output)->getData())
-      ->Allocate(vorn::PixelType::UCHAR, box);
-}
-
 // Calls `hook` with the event's name, as RecordingObserver writes it ("generated", "start",
 // "invalidated", "validated", "parameter"), and the notifying operator.
 class HookObserver : public vorn::IObserver {
@@ -83,3 +52,26 @@ class HookObserver : public vorn::IObserver {
  private:
   Hook m_hook;
 };
+
+// Appends "<event>:<operator name>" to the log for each notification.
+class RecordingObserver : public HookObserver {
+ public:
+  explicit RecordingObserver(EventLog* log)
+      : HookObserver([log](const std::string& event, vorn::ProcessObject* op) {
+          log->push_back(event + ":" + op->getName());
+        }) {}
+};
+
+// Connects input `input` of `to` to output `output` of `from`.
+inline void connect(vorn::ProcessObject& from, vorn::ProcessObject& to, unsigned input = 0,
+                    unsigned output = 0) {
+  to.getInputPort(input)->connectTo(from.getOutputPort(output));
+}
+
+// Gives output `output` of `op` a computed image of 4 one-byte pixels.
+inline void allocateOutput(vorn::ProcessObject& op, unsigned output = 0) {
+  vorn::Box box(1);
+  box.m_size[0] = 4;
+  boost::dynamic_pointer_cast<vorn::ImageObject>(op.getOutputPort(output)->getData())
+      ->Allocate(vorn::PixelType::UCHAR, box);
+}
