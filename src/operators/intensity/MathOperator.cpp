@@ -193,17 +193,17 @@ void MathOperator::generateData() {
                            if (!b)
                              apply(request.op.op, a + at, Constant{request.value}, r + at, width);
                          });
-    return;
+  } else {
+    detail::parallelRows(threads, layout, target,
+                         [&](long offset, const std::vector<long>&, long begin, long width) {
+                           std::vector<float> a(static_cast<std::size_t>(width));
+                           std::vector<float> b(a.size(), request.value);
+                           loadRow(*first, offset + begin, width, a.data());
+                           if (second) loadRow(*second, offset + begin, width, b.data());
+                           apply(request.op.op, a.data(), Row{b.data()}, a.data(), width);
+                           storeRow(a.data(), width, *output, offset + begin);
+                         });
   }
-  detail::parallelRows(threads, layout, target,
-                       [&](long offset, const std::vector<long>&, long begin, long width) {
-                         std::vector<float> a(static_cast<std::size_t>(width));
-                         std::vector<float> b(a.size(), request.value);
-                         loadRow(*first, offset + begin, width, a.data());
-                         if (second) loadRow(*second, offset + begin, width, b.data());
-                         apply(request.op.op, a.data(), Row{b.data()}, a.data(), width);
-                         storeRow(a.data(), width, *output, offset + begin);
-                       });
   detail::clearOutside(*output, layout, target, target, m_written);
 }
 
