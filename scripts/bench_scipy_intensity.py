@@ -84,6 +84,10 @@ def main():
     coordinates = resample_coordinates(a.shape, 2)
     edge, half = size // 8, size // 2
     cases = [
+        *[(f"gaussian sigma={sigma}", "gaussian", {"sigma": str(sigma)}, [a],
+           f"gaussian_filter(a, {sigma}, mode='nearest', truncate=4)",
+           lambda sigma=sigma: ndi.gaussian_filter(a, sigma, mode="nearest", truncate=4.0))
+          for sigma in (1, 2, 4)],
         ("math op=add value=1.5", "math", {"op": "add", "value": "1.5"}, [a],
          "a + np.float32(1.5)", lambda: a + np.float32(1.5)),
         ("math op=log", "math", {"op": "log"}, [a], "np.log(a)", lambda: np.log(a)),
